@@ -1,0 +1,143 @@
+#include "KepRawXmlProductDataParser.h"
+
+#include "KepXmlTags.h"
+#include "News.h"
+#include "Product.h"
+#include "Update.h"
+#include "localdb/KepLog.h"
+
+#include <QDomDocument>
+#include <QDomElement>
+
+namespace KepPlugin {
+
+namespace {
+
+// The elements of one kind below the root's first container of that kind, at any depth.
+QDomNodeList itemsBelow(const QDomElement& root, const QString& container, const QString& item)
+{
+    return root.firstChildElement(container).elementsByTagName(item);
+}
+
+int toNumber(const QString& text)
+{
+    return text.toInt(nullptr, 10);
+}
+
+} // namespace
+
+KepRawXmlProductDataParser::KepRawXmlProductDataParser(Product* product)
+    : product_(product)
+{
+}
+
+void KepRawXmlProductDataParser::setRawXmlData(const QString& data)
+{
+    rawXmlData_ = data;
+}
+
+bool KepRawXmlProductDataParser::parseRawXmlData(const QString& data)
+{
+    if (!data.isEmpty())
+        rawXmlData_ = data;
+    KEP_LOG(0) << QStringLiteral("KepProductData::parseRawXmlData: rawData=[%1]").arg(rawXmlData_);
+    if (rawXmlData_.isEmpty()) {
+        KEP_LOG(2) << "KepProductData::parseRawXmlData: raw data is empty";
+        return false;
+    }
+    QDomDocument document;
+    if (!document.setContent(rawXmlData_)) {
+        KEP_LOG(2) << "KepProductData::parseRawXmlData: bad XML format of raw data: " << rawXmlData_;
+        return false;
+    }
+    const QDomElement root = document.documentElement();
+    const QDomElement returnCode = root.firstChildElement(Tags::RETURN_CODE);
+    if (returnCode.isNull()) {
+        KEP_LOG(2) << "KepProductData::parseRawXmlData: KEP returned incorrect data (no return_code tag)";
+        return false;
+    }
+    returnCode_ = toNumber(returnCode.text());
+    const QDomElement format = root.firstChildElement(Tags::FORMAT);
+    if (!format.isNull())
+        format_ = format.text();
+
+    product_->clearUpdates();
+    const bool updatesRead = parseRawXmlDataNodeUpdate(itemsBelow(root, Tags::UPDATES, Tags::UPDATE));
+    product_->clearNews();
+    const bool newsRead = parseRawXmlDataNodeNews(itemsBelow(root, Tags::PRODUCT_NEWS, Tags::MESSAGE));
+    return updatesRead && newsRead;
+}
+
+bool KepRawXmlProductDataParser::parseRawXmlDataNodeUpdate(const QDomNodeList& updates)
+{
+    for (int i = 0; i < updates.length(); ++i) {
+        const QDomNode item = updates.item(i);
+        const QDomElement id = item.firstChildElement(Tags::ID);
+        if (id.isNull()) {
+            KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeUpdate: bad update (no id field)";
+            continue;
+        }
+        KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeUpdate: parsing update with id = " << id.text();
+        auto* update = new Update;
+        const QStringList supported = update->getSupportedXmlTags();
+        QMap<QString, QString> fields;
+        for (QDomNode node = item.firstChild(); !node.isNull(); node = node.nextSibling()) {
+            const QDomElement element = node.toElement();
+            const QString tag = element.tagName();
+            if (!supported.contains(tag, Qt::CaseInsensitive)) {
+                KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeUpdate: unknown tag: " << tag;
+                continue;
+            }
+            if (tag == Tags::RELATED_UPDATES) {
+                KEP_LOG(0) << "KepProductData::parseRawXmlDataNodeUpdate: looking for related updates";
+                const QDomNodeList related = element.elementsByTagName(Tags::ID);
+                if (related.isEmpty())
+                    KEP_LOG(0) << "KepProductData::parseRawXmlDataNodeUpdate: no related updates found";
+                for (int r = 0; r < related.length(); ++r) {
+                    const int number = toNumber(related.item(r).toElement().text());
+                    KEP_LOG(0) << "KepProductData::parseRawXmlDataNodeUpdate: related update found = " << number;
+                    update->addRelatedUpdate(number);
+                }
+                continue;
+            }
+            const QString text = element.text();
+            KEP_LOG(0) << QStringLiteral("KepProductData::parseRawXmlDataNodeUpdate: update[%1]=%2").arg(tag, text);
+            fields.insert(tag, text);
+        }
+        update->setData(fields);
+        product_->addUpdate(update);
+    }
+    return true;
+}
+
+bool KepRawXmlProductDataParser::parseRawXmlDataNodeNews(const QDomNodeList& messages)
+{
+    for (int i = 0; i < messages.length(); ++i) {
+        const QDomNode item = messages.item(i);
+        const QDomElement id = item.firstChildElement(Tags::ID);
+        if (id.isNull()) {
+            KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeNews: bad news message (no id field)";
+            continue;
+        }
+        KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeNews: news message with id = " << id.text();
+        auto* news = new News;
+        const QStringList supported = news->getSupportedXmlTags();
+        QMap<QString, QString> fields;
+        for (QDomNode node = item.firstChild(); !node.isNull(); node = node.nextSibling()) {
+            const QDomElement element = node.toElement();
+            const QString tag = element.tagName();
+            if (!supported.contains(tag, Qt::CaseInsensitive)) {
+                KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeNews: unknown tag: " << tag;
+                continue;
+            }
+            const QString text = element.text();
+            KEP_LOG(0) << QStringLiteral("KepProductData::parseRawXmlDataNodeNews: new message[%1]=%2").arg(tag, text);
+            fields.insert(tag, text);
+        }
+        news->setData(fields);
+        product_->addNews(news);
+    }
+    return true;
+}
+
+} // namespace KepPlugin

@@ -1,0 +1,52 @@
+#include "LogCapture.h"
+
+#include "tavcore/Logger.h"
+
+#include <QMutex>
+#include <QMutexLocker>
+
+namespace {
+
+QMutex mutex_;
+QStringList captured_;
+QtMessageHandler previous_ = nullptr;
+
+void capture(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (type == QtCriticalMsg && context.category && qstrcmp(context.category, "default") == 0
+        && !context.file && context.line == 0 && !context.function) {
+        QMutexLocker lock(&mutex_);
+        captured_.append(message);
+        return;
+    }
+    if (previous_)
+        previous_(type, context, message);
+}
+
+} // namespace
+
+LogCapture::LogCapture(int logLevel)
+    : previousLevel_(TavCoreShared::TavLogger::Logger::instance()->logLevel())
+{
+    TavCoreShared::TavLogger::Logger::instance()->setLogLevel(logLevel);
+    clear();
+    previous_ = qInstallMessageHandler(capture);
+}
+
+LogCapture::~LogCapture()
+{
+    qInstallMessageHandler(previous_);
+    TavCoreShared::TavLogger::Logger::instance()->setLogLevel(previousLevel_);
+}
+
+QStringList LogCapture::lines() const
+{
+    QMutexLocker lock(&mutex_);
+    return captured_;
+}
+
+void LogCapture::clear()
+{
+    QMutexLocker lock(&mutex_);
+    captured_.clear();
+}

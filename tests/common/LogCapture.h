@@ -1,0 +1,21 @@
+#pragma once
+
+#include <QStringList>
+#include <QtGlobal>
+
+// Collects the plug-in's log lines (critical severity, category "default") while it lives,
+// at the given logger level; everything else goes on to the previous handler.
+class LogCapture
+{
+public:
+    explicit LogCapture(int logLevel = 0);
+    ~LogCapture();
+    Q_DISABLE_COPY(LogCapture)
+
+    QStringList lines() const;
+    bool contains(const QString& line) const { return lines().contains(line); }
+    void clear();
+
+private:
+    int previousLevel_;
+};

@@ -1,0 +1,24 @@
+#pragma once
+
+#include <QMap>
+#include <QString>
+
+// The two product databases of the test run (the runner points HOME and TAV_SYSTEM_DB_DIR
+// at a temporary directory), and small helpers to lay out records in them.
+namespace TestDb {
+
+QString userDir();
+QString systemDir();
+QString dir(bool peruser);
+
+// Empties both databases (and creates them).
+void reset();
+
+// Writes GUID.ini with top-level keys the way the registration tool does.
+void writeRecord(bool peruser, const QString& guid, const QMap<QString, QString>& values);
+QMap<QString, QString> readRecord(bool peruser, const QString& guid);
+
+// Refuses to run against anything but a temporary database.
+bool isolated();
+
+} // namespace TestDb

@@ -1,0 +1,8 @@
+#!/bin/sh
+# Runs one test program with a brand-new HOME, system product database and cache, so that
+# no test ever sees the real ones, and removes them afterwards.
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/kep-test.XXXXXX") || exit 1
+trap 'chmod -R u+rwX "$tmp" 2>/dev/null; rm -rf "$tmp"' EXIT
+mkdir -p "$tmp/home" "$tmp/sysdb"
+HOME="$tmp/home" TAV_SYSTEM_DB_DIR="$tmp/sysdb" XDG_CACHE_HOME="$tmp/home/.cache" \
+XDG_CONFIG_HOME="$tmp/home/.config" QT_QPA_PLATFORM=offscreen "$@"
