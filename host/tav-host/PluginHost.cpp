@@ -1,0 +1,83 @@
+#include "PluginHost.h"
+
+#include "plugin/IDataProvider.h"
+
+#include <QCoreApplication>
+#include <QDir>
+#include <QFileInfo>
+#include <QJsonObject>
+#include <QTimer>
+
+namespace {
+const QString pluginIid = QStringLiteral("com.vasko.tav.plugins.dataprovider.kep/1.0");
+} // namespace
+
+PluginHost::PluginHost() = default;
+
+PluginHost::~PluginHost()
+{
+    shutdown();
+}
+
+QString PluginHost::defaultPluginPath()
+{
+    const QString bin = QCoreApplication::applicationDirPath();
+    for (const QString& dir : {QStringLiteral("/../lib/tav/plugins"), QStringLiteral("/../" KEP_INSTALL_LIBDIR "/tav/plugins")}) {
+        const QString path = QDir::cleanPath(bin + dir + QStringLiteral("/libkepdataprovider.so"));
+        if (QFileInfo::exists(path))
+            return path;
+    }
+    return QDir::cleanPath(bin + QStringLiteral("/../lib/tav/plugins/libkepdataprovider.so"));
+}
+
+QString PluginHost::load(const QString& path)
+{
+    loader_.setFileName(path);
+    const QString iid = loader_.metaData().value(QStringLiteral("IID")).toString();
+    if (iid.isEmpty())
+        return QStringLiteral("cannot read plug-in metadata of %1: %2").arg(path, loader_.errorString());
+    if (iid != pluginIid)
+        return QStringLiteral("%1 is not a KEP data provider (IID %2)").arg(path, iid);
+    QObject* instance = loader_.instance();
+    if (!instance)
+        return QStringLiteral("cannot load %1: %2").arg(path, loader_.errorString());
+    provider_ = qobject_cast<IDataProvider*>(instance);
+    if (!provider_)
+        return QStringLiteral("%1 does not implement the data-provider interface").arg(path);
+    provider_->initialize();
+    return QString();
+}
+
+void PluginHost::start(int cancelAfterMs)
+{
+    auto* run = new QObject;
+    run->moveToThread(&worker_);
+    connect(&worker_, &QThread::finished, run, &QObject::deleteLater);
+    IDataProvider* provider = provider_;
+    connect(&worker_, &QThread::started, run, [this, provider] {
+        QString data;
+        const int status = provider->getData(data);
+        emit finished(status, data);
+    });
+    if (cancelAfterMs >= 0) {
+        auto* timer = new QTimer;
+        timer->setSingleShot(true);
+        timer->setInterval(cancelAfterMs);
+        timer->moveToThread(&canceller_);
+        connect(timer, &QTimer::timeout, timer, [provider] { provider->cancelCurrentAction(); });
+        connect(&canceller_, &QThread::started, timer, qOverload<>(&QTimer::start));
+        connect(&canceller_, &QThread::finished, timer, &QObject::deleteLater);
+        canceller_.start();
+    }
+    worker_.start();
+}
+
+void PluginHost::shutdown()
+{
+    canceller_.quit();
+    canceller_.wait();
+    delete provider_;
+    provider_ = nullptr;
+    worker_.quit();
+    worker_.wait();
+}

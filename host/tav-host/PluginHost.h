@@ -1,0 +1,38 @@
+#pragma once
+
+#include <QObject>
+#include <QPluginLoader>
+#include <QString>
+#include <QThread>
+
+class IDataProvider;
+
+// Loads the data provider the way the host does and runs getData on a worker thread while
+// the calling (main) thread keeps its event loop going.
+class PluginHost : public QObject
+{
+    Q_OBJECT
+public:
+    PluginHost();
+    ~PluginHost() override;
+    Q_DISABLE_COPY(PluginHost)
+
+    // Loads, checks the IID and the interface, initialises; on failure returns the reason.
+    QString load(const QString& path);
+    // Starts one getData run; finished() follows. A cancel is sent from a third thread after
+    // cancelAfterMs when that is 0 or more.
+    void start(int cancelAfterMs);
+    // Deletes the plug-in object, then lets the worker thread run the deletions it deferred.
+    void shutdown();
+
+    static QString defaultPluginPath();
+
+signals:
+    void finished(int status, const QString& data);
+
+private:
+    QPluginLoader loader_;
+    IDataProvider* provider_ = nullptr;
+    QThread worker_;
+    QThread canceller_;
+};

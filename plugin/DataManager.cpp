@@ -1,0 +1,93 @@
+#include "DataManager.h"
+
+#include "ConsolidatedResponseWriter.h"
+#include "KepDataProviderPlugin.h"
+#include "localdb/KepKeys.h"
+#include "localdb/KepLog.h"
+#include "localdb/LocalDataBaseManager.h"
+#include "model/Product.h"
+#include "network/NetworkManager.h"
+#include "tavcore/SettingsManager.h"
+
+#include <QMutexLocker>
+
+namespace KepPlugin {
+
+DataManager::DataManager(QObject* parent)
+    : QObject(parent)
+    , network_(KepDataProviderPlugin::networkManager())
+    , localDb_(new LocalDataBaseManager(this))
+{
+    // The network client lives in the plug-in's thread: each product request runs there
+    // while this thread waits for it.
+    connect(this, &DataManager::requestProductDataFromKep, network_, &NetworkManager::call_GetTAVProductInfo,
+            Qt::BlockingQueuedConnection);
+}
+
+DataManager::~DataManager()
+{
+    clearData();
+}
+
+bool DataManager::cancelled()
+{
+    QMutexLocker lock(&mutex_);
+    return cancel_;
+}
+
+int DataManager::getUpdates()
+{
+    localDb_->findRegisteredProducts();
+    if (productList().isEmpty()) {
+        KEP_LOG(1) << "DataManager::getUpdates(): product list is empty";
+        return 5;
+    }
+    if (cancelled())
+        return 2;
+    const bool showTestUpdate =
+        TavCoreShared::TavSettings::SettingsManager::instance()->getProperty(Keys::ShowTestUpdates).toString()
+        == QLatin1String("1");
+    const QList<Product*> products = productList();
+    for (Product* product : products) {
+        if (cancelled())
+            return 2;
+        emit requestProductDataFromKep(product->getDataByKey(Keys::UpdateID), product->getDataByKey(Keys::MediaID),
+                                       showTestUpdate);
+        product->parseRawXmlData(network_->networkReplyStr());
+    }
+    data_ = getConsolidatedProviderResponseInXml();
+    return 0;
+}
+
+QList<Product*> DataManager::productList()
+{
+    return localDb_->productList();
+}
+
+QString DataManager::getConsolidatedProviderResponseInXml()
+{
+    return ConsolidatedResponseWriter::toXml(productList());
+}
+
+void DataManager::clearData()
+{
+    localDb_->clearData();
+    {
+        QMutexLocker lock(&mutex_);
+        cancel_ = false;
+    }
+    if (!data_.isNull())
+        data_ = QString();
+}
+
+void DataManager::interrupt()
+{
+    KEP_LOG(0) << "DataManager::cancelAction(): requested cancel";
+    {
+        QMutexLocker lock(&mutex_);
+        cancel_ = true;
+    }
+    emit interrupting();
+}
+
+} // namespace KepPlugin

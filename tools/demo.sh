@@ -1,0 +1,55 @@
+#!/usr/bin/env bash
+# ./dev demo: the simulator on a free port, a temporary product database, one run of the
+# reference host, the consolidated XML and a short summary; everything is removed afterwards.
+set -euo pipefail
+root=$(cd "$(dirname "$0")/.." && pwd)
+bin="$root/${1:-build}/bin"
+[ $# -gt 0 ] && shift
+
+tmp=$(mktemp -d "${TMPDIR:-/tmp}/kep-demo.XXXXXX")
+sim_pid=""
+cleanup() {
+    [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null && wait "$sim_pid" 2>/dev/null
+    rm -rf "$tmp"
+}
+trap cleanup EXIT
+
+mkdir -p "$tmp/home/vasko/tav/db" "$tmp/sysdb" "$tmp/work"
+cp "$root/examples/db/user/"* "$tmp/home/vasko/tav/db/"
+cp "$root/examples/db/system/"* "$tmp/sysdb/"
+
+"$bin/kep-sim" --fixtures "$root/examples/service" --port 0 >"$tmp/sim.out" 2>"$tmp/sim.err" &
+sim_pid=$!
+url=""
+for _ in $(seq 100); do
+    url=$(sed -n 's/^kep-sim listening on //p' "$tmp/sim.out")
+    [ -n "$url" ] && break
+    kill -0 "$sim_pid" 2>/dev/null || { cat "$tmp/sim.err" >&2; echo "demo: kep-sim did not start" >&2; exit 1; }
+    sleep 0.1
+done
+[ -n "$url" ] || { echo "demo: kep-sim did not report its address" >&2; exit 1; }
+
+started=$(date +%s%N)
+set +e
+# The working directory is a scratch folder: an auto-uninstalled record's clean-up acts there.
+(cd "$tmp/work" && HOME="$tmp/home" TAV_SYSTEM_DB_DIR="$tmp/sysdb" XDG_CACHE_HOME="$tmp/home/.cache" \
+    QT_QPA_PLATFORM=offscreen "$bin/tav-host" --set "KepWebServiceUrl=$url" --set ShowTestUpdates=0 \
+    --summary "$@" >"$tmp/answer.xml" 2>"$tmp/host.err")
+status=$?
+set -e
+elapsed_ms=$(( ($(date +%s%N) - started) / 1000000 ))
+
+cat "$tmp/answer.xml"
+echo
+echo "== Demo summary"
+echo "service:        $url (kep-sim, fixtures from examples/service)"
+echo "product records: $(ls "$tmp/home/vasko/tav/db" | grep -c '\.ini$') user, $(ls "$tmp/sysdb" | grep -c '\.ini$') system after conversion"
+sed -n 's/^summary: /  /p' "$tmp/host.err"
+case $status in
+    0) meaning="done" ;; 2) meaning="cancelled" ;; 5) meaning="no registered products" ;; *) meaning="failed" ;;
+esac
+echo "answer:         $(grep -c '<update>' "$tmp/answer.xml" || true) updates, $(grep -c '<message>' "$tmp/answer.xml" || true) news; status $status ($meaning), ${elapsed_ms} ms"
+if [ "$status" -ne 0 ] && [ "$status" -ne 2 ] && [ "$status" -ne 5 ]; then
+    grep -v '^summary: ' "$tmp/host.err" >&2 || true
+fi
+exit "$status"
