@@ -6,6 +6,7 @@
 #include <QFileInfo>
 #include <QSettings>
 #include <QString>
+#include <QStringList>
 #include <QTemporaryFile>
 
 #include <cerrno>
@@ -40,6 +41,39 @@ bool validGuid(const std::string& guid)
     return !guid.empty() && guid.find('/') == std::string::npos && guid != "." && guid != "..";
 }
 
+// QSettings reads both separators as groups, so such a key would vanish from the top level.
+bool validKey(const std::string& key)
+{
+    return !key.empty() && key.find_first_of("/\\") == std::string::npos;
+}
+
+// QSettings accepts almost anything and silently drops what it cannot parse; a record
+// must at least be text made of blank, comment, section and key=value lines.
+bool looksLikeIni(const QByteArray& bytes)
+{
+    if (bytes.contains('\0'))
+        return false;
+    bool continued = false;
+    const QList<QByteArray> lines = bytes.split('\n');
+    for (const QByteArray& raw : lines) {
+        const QByteArray line = raw.trimmed();
+        const bool wasContinued = continued;
+        continued = line.endsWith('\\');
+        if (wasContinued || line.isEmpty() || line.startsWith(';') || line.startsWith('#'))
+            continue;
+        if (line.startsWith('[') ? !line.endsWith(']') : !line.contains('='))
+            return false;
+    }
+    return true;
+}
+
+QString valueText(const QVariant& value)
+{
+    // An unquoted comma makes QSettings split the text; a record means it as one value.
+    return value.type() == QVariant::StringList ? value.toStringList().join(QStringLiteral(", "))
+                                                : value.toString();
+}
+
 } // namespace
 
 ProductRecord::ProductRecord(std::string guid, bool peruser)
@@ -69,20 +103,29 @@ bool ProductRecord::isExist()
 
 bool ProductRecord::load()
 {
-    values_.clear();
     if (!isExist())
         return false;
-    const QString path = local(path_);
-    QFile probe(path);
-    if (!probe.open(QIODevice::ReadOnly))
+    QFile file(local(path_));
+    if (!file.open(QIODevice::ReadOnly))
         return false;
-    probe.close();
-    QSettings ini(path, QSettings::IniFormat);
+    const QByteArray bytes = file.readAll();
+    if (file.error() != QFileDevice::NoError || !looksLikeIni(bytes))
+        return false;
+    file.close();
+    // QSettings keeps parsed files by name and trusts an unchanged size and millisecond time
+    // stamp, so a record rewritten within one millisecond would read stale: parse a private copy.
+    QTemporaryFile copy(QDir::tempPath() + QStringLiteral("/regtool-record.XXXXXX"));
+    const bool copied = copy.open() && copy.write(bytes) == bytes.size() && copy.flush();
+    QSettings ini(copied ? copy.fileName() : file.fileName(), QSettings::IniFormat);
+    // Raw UTF-8 from other writers reads right; Qt's own escapes read the same either way.
+    ini.setIniCodec("UTF-8");
     if (ini.status() != QSettings::NoError)
         return false;
+    std::map<std::string, std::string> values;
     const QStringList keys = ini.childKeys();
     for (const QString& key : keys)
-        values_[narrow(key)] = narrow(ini.value(key).toString());
+        values[narrow(key)] = narrow(valueText(ini.value(key)));
+    values_.swap(values);
     return true;
 }
 
@@ -101,11 +144,22 @@ bool ProductRecord::save()
 {
     if (path_.empty())
         return false;
+    for (const auto& entry : values_) {
+        if (!validKey(entry.first))
+            return false;
+    }
     const QString path = local(path_);
     const QFileInfo target(path);
     // Written beside the record and renamed over it, so a crash never leaves half a record.
     QTemporaryFile temp(target.absolutePath() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"));
     if (!temp.open())
+        return false;
+    // A temporary file is private; the record keeps its mode, and a new one is readable by
+    // every user, who all read the system database.
+    const QFileDevice::Permissions mode = target.exists()
+        ? target.permissions()
+        : QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther;
+    if (!temp.setPermissions(mode))
         return false;
     const QString tempPath = temp.fileName();
     temp.close();
@@ -146,6 +200,7 @@ int registerProduct(const char* guid, const char* productName, const char* versi
                     const char* productId, const char* updateId, int peruser)
 {
     ProductRecord record(text(guid), peruser != 0);
+    // A record that does not load is replaced: registering again is how a broken one is repaired.
     if (record.isExist())
         record.load();
     record.setValue("ProductName", text(productName));
@@ -158,7 +213,7 @@ int registerProduct(const char* guid, const char* productName, const char* versi
 
 int setValue(const char* guid, const char* key, const char* value, int peruser)
 {
-    if (!key || !*key)
+    if (!key || !validKey(key))
         return EINVAL;
     ProductRecord record(text(guid), peruser != 0);
     if (record.isExist() && !record.load())

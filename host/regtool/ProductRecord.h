@@ -13,10 +13,13 @@ public:
     ProductRecord(std::string guid, bool peruser);
     ~ProductRecord();
 
+    // False for a record that is missing, unreadable or not INI text; the values held
+    // in memory are then left as they were.
     bool load();
     bool isExist();
     std::string getValue(std::string key);
     void setValue(std::string key, std::string value);
+    // Replaces the file whole (temporary file, then rename); false leaves it untouched.
     bool save();
 
     std::string filePath() const { return path_; }

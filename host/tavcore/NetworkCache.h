@@ -2,6 +2,8 @@
 
 #include <QString>
 
+class QSqlError;
+
 namespace TavCoreShared {
 namespace Network {
 
@@ -19,18 +21,24 @@ public:
     QString data(const QString& key);
     void insert(const QString& key, const QString& value);
 
-    bool isUsable() const { return usable_; }
+    bool isUsable() const { return state_ == State::Open; }
     QString path() const { return path_; }
+    // $XDG_CACHE_HOME (when absolute), else $HOME/.cache, as they are now.
     static QString defaultPath();
 
 private:
+    // Closed is retried on the next call (a lock passes); Disabled is for good.
+    enum class State { Closed, Open, Disabled };
+
     bool open();
+    QSqlError connectDatabase();
     void close();
+    bool moveAside(const QSqlError& error);
+    void failed(const QString& action, const QSqlError& error);
 
     QString path_;
     QString connection_;
-    bool usable_ = false;
-    bool opened_ = false;
+    State state_ = State::Closed;
 };
 
 } // namespace Network

@@ -89,7 +89,7 @@ void TestTavHost::runs_data()
     QTest::newRow("no products") << false << QStringList{} << QStringList{} << 5 << false;
     QTest::newRow("answered") << true << QStringList{} << QStringList{} << 0 << true;
     QTest::newRow("cancelled from a third thread")
-        << true << QStringList{"--delay-ms", "5000"} << QStringList{"--cancel-after", "300"} << 2 << false;
+        << true << QStringList{"--delay-ms", "5000"} << QStringList{"--cancel-after", "1500"} << 2 << false;
     QTest::newRow("cancel after the run ended") << true << QStringList{} << QStringList{"--cancel-after", "60000"}
                                                 << 0 << true;
 }
