@@ -9,7 +9,10 @@ bin="$root/${1:-build}/bin"
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kep-demo.XXXXXX")
 sim_pid=""
 cleanup() {
-    [ -n "$sim_pid" ] && kill "$sim_pid" 2>/dev/null && wait "$sim_pid" 2>/dev/null
+    if [ -n "$sim_pid" ]; then
+        kill "$sim_pid" 2>/dev/null || true
+        wait "$sim_pid" 2>/dev/null || true
+    fi
     rm -rf "$tmp"
 }
 trap cleanup EXIT
