@@ -9,60 +9,58 @@
 #include <memory>
 
 using namespace KepPlugin;
-
 using Fields = QMap<QString, QString>;
 
-// A product as a row describes it: legacy or not, its updates (fields, related ids), its news.
-struct ProductSpec
+// One product of a table row: legacy or not, its updates (fields, related ids) and news.
+struct ProductRow
 {
     bool legacy = false;
     QList<QPair<Fields, QList<int>>> updates;
     QList<Fields> news;
 };
-Q_DECLARE_METATYPE(QList<ProductSpec>)
+Q_DECLARE_METATYPE(QList<ProductRow>)
 
 namespace {
 
-std::vector<std::unique_ptr<Product>> makeProducts(const QList<ProductSpec>& specs)
+QString write(const QList<ProductRow>& rows)
 {
-    std::vector<std::unique_ptr<Product>> products;
-    for (const ProductSpec& spec : specs) {
-        auto product = std::make_unique<Product>(QStringLiteral("guid-%1").arg(products.size()));
-        if (spec.legacy)
-            product->setData({{QStringLiteral("RecordMigrated"), QStringLiteral("1")}});
-        for (const auto& entry : spec.updates) {
+    std::vector<std::unique_ptr<Product>> owned;
+    QList<Product*> products;
+    for (const ProductRow& row : rows) {
+        owned.push_back(std::make_unique<Product>(QStringLiteral("guid")));
+        Product* product = owned.back().get();
+        product->setData({{QStringLiteral("RecordMigrated"), row.legacy ? "1" : "true"}});
+        for (const auto& entry : row.updates) {
             auto* update = new Update;
             update->setData(entry.first);
             for (int id : entry.second)
                 update->addRelatedUpdate(id);
             product->addUpdate(update);
         }
-        for (const Fields& fields : spec.news) {
+        for (const Fields& fields : row.news) {
             auto* news = new News;
             news->setData(fields);
             product->addNews(news);
         }
-        products.push_back(std::move(product));
+        products.append(product);
     }
-    return products;
-}
-
-QString write(const QList<ProductSpec>& specs)
-{
-    const auto owned = makeProducts(specs);
-    QList<Product*> products;
-    for (const auto& product : owned)
-        products.append(product.get());
     return ConsolidatedResponseWriter::toXml(products);
 }
 
-QString document(const QString& updates, const QString& news)
+// The ten text elements of an update between id and one_click..., with the given values.
+QString updateBlock(const QString& id, const QStringList& texts, const QString& oneClick, const QString& related)
 {
-    return QStringLiteral("<?xml version=\"1.0\"?>\n<root>\n") + updates + news + QStringLiteral("</root>");
+    static const QStringList names = {"title", "description", "download_url", "download_url_online",
+                                      "download_file_name", "download_file_name_online", "download_size",
+                                      "publish_date", "additional_info_url"};
+    QString block = QStringLiteral("        <update>\n            <id>%1</id>\n").arg(id);
+    for (int i = 0; i < names.size(); ++i)
+        block += QStringLiteral("            <%1>%2</%1>\n").arg(names[i], texts.value(i));
+    return block
+        + QStringLiteral("            <one_click_update_mode_is_supported>%1</one_click_update_mode_is_supported>\n")
+              .arg(oneClick)
+        + related + QStringLiteral("        </update>\n");
 }
-
-const QString noUpdates = QStringLiteral("    <updates/>\n");
-const QString noNews = QStringLiteral("    <product_news/>\n");
 
 } // namespace
 
@@ -78,148 +76,52 @@ private slots:
 
 void TestConsolidatedResponse::document_data()
 {
-    QTest::addColumn<QList<ProductSpec>>("products");
+    QTest::addColumn<QList<ProductRow>>("products");
     QTest::addColumn<QString>("expected");
+    const QString head = QStringLiteral("<?xml version=\"1.0\"?>\n<root>\n");
+    QTest::newRow("no updates, no news")
+        << QList<ProductRow>{{}, {}} << head + "    <updates/>\n    <product_news/>\n</root>";
 
-    QTest::newRow("products without updates or news") << QList<ProductSpec>{{}, {}} << ::document(noUpdates, noNews);
-
-    ProductSpec full;
-    full.updates = {{Fields{{"id", " 42 "},
-                            {"title", "  New version  "},
-                            {"description", " Fixes\n"},
-                            {"update_id", "u-9"},
-                            {"media_id", "m-1"},
-                            {"download_url", " http://h/a.zip "},
-                            {"download_url_akamai", "http://akamai/a.zip"},
-                            {"download_url_online", "http://h/o.exe"},
-                            {"download_url_online_akamai", "http://akamai/o.exe"},
-                            {"download_file_name", "a.zip"},
-                            {"download_file_name_online", "o.exe"},
-                            {"download_size", " 1024 "},
-                            {"download_cheksum", "abc"},
-                            {"download_cheksum_online", "def"},
-                            {"publish_date", " 2014-03-07T10:20:30 "},
-                            {"additional_info_url", "http://h/info "},
-                            {"Title", "capitalised keys are not carried"}},
-                     {12, 5}}};
-    QTest::newRow("update: order, trimming, related ids, dropped keys")
-        << QList<ProductSpec>{full}
-        << ::document(QStringLiteral("    <updates>\n"
-                                     "        <update>\n"
-                                     "            <id>42</id>\n"
-                                     "            <title>  New version  </title>\n"
-                                     "            <description> Fixes\n</description>\n"
-                                     "            <download_url>http://h/a.zip</download_url>\n"
-                                     "            <download_url_online>http://h/o.exe</download_url_online>\n"
-                                     "            <download_file_name>a.zip</download_file_name>\n"
-                                     "            <download_file_name_online>o.exe</download_file_name_online>\n"
-                                     "            <download_size>1024</download_size>\n"
-                                     "            <publish_date>3/7/14</publish_date>\n"
-                                     "            <additional_info_url>http://h/info</additional_info_url>\n"
-                                     "            <one_click_update_mode_is_supported>1</one_click_update_mode_is_supported>\n"
-                                     "            <related_updates>\n"
-                                     "                <id>12</id>\n"
-                                     "                <id>5</id>\n"
-                                     "            </related_updates>\n"
-                                     "        </update>\n"
-                                     "    </updates>\n"),
-                      noNews);
-
-    ProductSpec legacy;
+    ProductRow current;
+    current.updates = {{Fields{{"id", " 42 "}, {"title", "  New version  "}, {"description", " Fixes\n"},
+                               {"update_id", "u"}, {"media_id", "m"}, {"download_url", " http://h/a "},
+                               {"download_url_akamai", "x"}, {"download_url_online", "http://h/o"},
+                               {"download_file_name", "a.zip"}, {"download_file_name_online", "o"},
+                               {"download_size", " 1024 "}, {"download_cheksum", "c"},
+                               {"publish_date", " 2014-03-07T10:20:30 "}, {"additional_info_url", "http://h/i "},
+                               {"Title", "not carried"}},
+                        {12, 5}}};
+    ProductRow legacy;
     legacy.legacy = true;
-    legacy.updates = {{Fields{{"id", "7"}, {"publish_date", "07.03.2014"}}, {}}};
-    QTest::newRow("legacy product, missing keys, unparsable date")
-        << QList<ProductSpec>{legacy}
-        << ::document(QStringLiteral("    <updates>\n"
-                                     "        <update>\n"
-                                     "            <id>7</id>\n"
-                                     "            <title></title>\n"
-                                     "            <description></description>\n"
-                                     "            <download_url></download_url>\n"
-                                     "            <download_url_online></download_url_online>\n"
-                                     "            <download_file_name></download_file_name>\n"
-                                     "            <download_file_name_online></download_file_name_online>\n"
-                                     "            <download_size></download_size>\n"
-                                     "            <publish_date></publish_date>\n"
-                                     "            <additional_info_url></additional_info_url>\n"
-                                     "            <one_click_update_mode_is_supported>0</one_click_update_mode_is_supported>\n"
-                                     "            <related_updates/>\n"
-                                     "        </update>\n"
-                                     "    </updates>\n"),
-                      noNews);
+    legacy.updates = {{Fields{{"id", "7"}, {"title", "a < b & \"c\""}, {"publish_date", "07.03.2014"}}, {}}};
+    QTest::newRow("updates side by side: order, trimming, related ids, legacy, escaping")
+        << QList<ProductRow>{current, legacy}
+        << head + "    <updates>\n"
+               + updateBlock("42", {"  New version  ", " Fixes\n", "http://h/a", "http://h/o", "a.zip", "o", "1024",
+                                    "3/7/14", "http://h/i"},
+                             "1",
+                             "            <related_updates>\n                <id>12</id>\n"
+                             "                <id>5</id>\n            </related_updates>\n")
+               + updateBlock("7", {"a &lt; b &amp; &quot;c&quot;"}, "0", "            <related_updates/>\n")
+               + "    </updates>\n    <product_news/>\n</root>";
 
-    ProductSpec first;
+    ProductRow first;
     first.news = {Fields{{"id", "7"}, {"title", "  First  "}, {"description", " one "}, {"publish_date", "2014-03-07"}},
-                  Fields{{"title", "no id"}},
-                  Fields{{"id", ""}, {"title", "empty id again"}}};
-    ProductSpec second;
-    second.news = {Fields{{"id", " 7 "}, {"title", "Second"}},
-                   Fields{{"id", "8"}, {"title", "Eight"}, {"update_id", "not a news key"}}};
-    QTest::newRow("news: de-duplicated by trimmed id across products, trimmed fields")
-        << QList<ProductSpec>{first, second}
-        << ::document(noUpdates, QStringLiteral("    <product_news>\n"
-                                                "        <message>\n"
-                                                "            <id>7</id>\n"
-                                                "            <title>First</title>\n"
-                                                "            <description>one</description>\n"
-                                                "            <publish_date>3/7/14</publish_date>\n"
-                                                "        </message>\n"
-                                                "        <message>\n"
-                                                "            <id></id>\n"
-                                                "            <title>no id</title>\n"
-                                                "            <description></description>\n"
-                                                "            <publish_date></publish_date>\n"
-                                                "        </message>\n"
-                                                "        <message>\n"
-                                                "            <id>8</id>\n"
-                                                "            <title>Eight</title>\n"
-                                                "            <description></description>\n"
-                                                "            <publish_date></publish_date>\n"
-                                                "        </message>\n"
-                                                "    </product_news>\n"));
-
-    ProductSpec markup;
-    markup.updates = {{Fields{{"id", "1"}, {"title", "a < b & \"c\" > d"}}, {}}};
-    ProductSpec later;
-    later.updates = {{Fields{{"id", "2"}}, {}}};
-    QTest::newRow("updates of all products side by side, markup escaped")
-        << QList<ProductSpec>{markup, later}
-        << ::document(QStringLiteral("    <updates>\n"
-                                     "        <update>\n"
-                                     "            <id>1</id>\n"
-                                     "            <title>a &lt; b &amp; &quot;c&quot; &gt; d</title>\n"
-                                     "            <description></description>\n"
-                                     "            <download_url></download_url>\n"
-                                     "            <download_url_online></download_url_online>\n"
-                                     "            <download_file_name></download_file_name>\n"
-                                     "            <download_file_name_online></download_file_name_online>\n"
-                                     "            <download_size></download_size>\n"
-                                     "            <publish_date></publish_date>\n"
-                                     "            <additional_info_url></additional_info_url>\n"
-                                     "            <one_click_update_mode_is_supported>1</one_click_update_mode_is_supported>\n"
-                                     "            <related_updates/>\n"
-                                     "        </update>\n"
-                                     "        <update>\n"
-                                     "            <id>2</id>\n"
-                                     "            <title></title>\n"
-                                     "            <description></description>\n"
-                                     "            <download_url></download_url>\n"
-                                     "            <download_url_online></download_url_online>\n"
-                                     "            <download_file_name></download_file_name>\n"
-                                     "            <download_file_name_online></download_file_name_online>\n"
-                                     "            <download_size></download_size>\n"
-                                     "            <publish_date></publish_date>\n"
-                                     "            <additional_info_url></additional_info_url>\n"
-                                     "            <one_click_update_mode_is_supported>1</one_click_update_mode_is_supported>\n"
-                                     "            <related_updates/>\n"
-                                     "        </update>\n"
-                                     "    </updates>\n"),
-                      noNews);
+                  Fields{{"title", "no id"}}, Fields{{"id", ""}, {"title", "empty id again"}}};
+    ProductRow second;
+    second.news = {Fields{{"id", " 7 "}, {"title", "Second"}}, Fields{{"id", "8"}, {"update_id", "not news"}}};
+    const QString message = QStringLiteral("        <message>\n            <id>%1</id>\n            <title>%2</title>\n"
+                                           "            <description>%3</description>\n"
+                                           "            <publish_date>%4</publish_date>\n        </message>\n");
+    QTest::newRow("news: first of each trimmed id, across products")
+        << QList<ProductRow>{first, second}
+        << head + "    <updates/>\n    <product_news>\n" + message.arg("7", "First", "one", "3/7/14")
+               + message.arg("", "no id", "", "") + message.arg("8", "", "", "") + "    </product_news>\n</root>";
 }
 
 void TestConsolidatedResponse::document()
 {
-    QFETCH(QList<ProductSpec>, products);
+    QFETCH(QList<ProductRow>, products);
     QFETCH(QString, expected);
     QCOMPARE(write(products), expected);
 }
@@ -231,9 +133,9 @@ void TestConsolidatedResponse::alwaysWellFormed_data()
     QTest::newRow("control characters") << QStringLiteral("a\x01" "b\x1f\x0b") << QStringLiteral("ab");
     QTest::newRow("NUL") << QString::fromUtf16(u"x\0y", 3) << QStringLiteral("xy");
     QTest::newRow("lone surrogates") << QString::fromUtf16(u"p\xd800q\xdc00") << QStringLiteral("pq");
-    QTest::newRow("surrogate pair kept") << QString::fromUtf16(u"\xd83d\xde00") << QString::fromUtf16(u"\xd83d\xde00");
+    QTest::newRow("surrogate pair") << QString::fromUtf16(u"\xd83d\xde00") << QString::fromUtf16(u"\xd83d\xde00");
     QTest::newRow("non-characters") << QString(QChar(0xfffe)) + QChar(0xffff) + QLatin1Char('z') << QStringLiteral("z");
-    QTest::newRow("CDATA end and entities") << QStringLiteral("]]> &amp; <!--") << QStringLiteral("]]> &amp; <!--");
+    QTest::newRow("markup") << QStringLiteral("]]> &amp; <!--") << QStringLiteral("]]> &amp; <!--");
 }
 
 // Whatever a record holds, the host must be able to read the document back.
@@ -241,18 +143,16 @@ void TestConsolidatedResponse::alwaysWellFormed()
 {
     QFETCH(QString, text);
     QFETCH(QString, kept);
-    ProductSpec spec;
-    spec.updates = {{Fields{{"id", text}, {"title", text}}, {}}};
-    spec.news = {Fields{{"id", text}, {"description", text}}};
-    QXmlStreamReader reader(write({spec}));
+    ProductRow row;
+    row.updates = {{Fields{{"id", text}, {"title", text}}, {}}};
+    QXmlStreamReader reader(write({row}));
     QStringList texts;
     while (!reader.atEnd()) {
         if (reader.readNext() == QXmlStreamReader::Characters && !reader.isWhitespace())
             texts.append(reader.text().toString());
     }
     QVERIFY2(!reader.hasError(), qPrintable(reader.errorString()));
-    QCOMPARE(texts.value(0), kept.trimmed());
-    QCOMPARE(texts.value(1), kept);
+    QCOMPARE(texts, (QStringList{kept, kept, "1"}));
 }
 
 QTEST_GUILESS_MAIN(TestConsolidatedResponse)

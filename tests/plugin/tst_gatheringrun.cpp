@@ -16,28 +16,25 @@ using namespace KepPlugin;
 
 namespace {
 
-const QString studio = QStringLiteral("{STUDIO}");
-const QString tools = QStringLiteral("{TOOLS}");
 const QString asked = QStringLiteral("NetworkManager::call_GetTAVProductInfo");
+const QString bareDocument = QStringLiteral("<?xml version=\"1.0\"?>\n<root>\n    <updates/>\n    <product_news/>\n</root>");
 
-void addProduct(const QString& guid, const QString& mediaId, const QString& updateId)
+void addProducts(int count)
 {
-    TestDb::writeRecord(true, guid, {{QStringLiteral("ProductName"), guid}, {QStringLiteral("MediaID"), mediaId},
-                                     {QStringLiteral("UpdateID"), updateId}});
+    const QList<QStringList> products = {{"{STUDIO}", "MEDIA-STUDIO-2014", "1200"}, {"{TOOLS}", "MEDIA-TOOLS-2013", "310"}};
+    for (int i = 0; i < count; ++i)
+        TestDb::writeRecord(true, products[i][0], {{"MediaID", products[i][1]}, {"UpdateID", products[i][2]}});
 }
 
-int countContaining(const QStringList& lines, const QString& text)
+void setSetting(const QString& key, const QVariant& value)
 {
-    int count = 0;
-    for (const QString& line : lines)
-        count += line.contains(text) ? 1 : 0;
-    return count;
+    TavCoreShared::TavSettings::SettingsManager::instance()->setProperty(key, value);
 }
 
 } // namespace
 
-// Whole runs of the plug-in in this process, with the host's threads: the plug-in in the main
-// thread with its event loop, getData on a worker, cancels from a third thread.
+// Whole runs in this process with the host's threads: the plug-in in the main thread with its
+// event loop, getData on a worker, cancels from a third thread.
 class TestGatheringRun : public QObject
 {
     Q_OBJECT
@@ -46,21 +43,16 @@ private slots:
     void init();
     void cleanup();
     void cleanupTestCase();
-
-    void successiveRunsReplaceEachOther();
-    void cancelBeforeAnyRunGivesEmpty();
-    void cancelAfterSuccessfulRunKeepsEarlierAnswer();
-    void emptyDatabaseDiscardsPreviousAnswer();
-    void cancelDuringLastProductStillCompletes();
+    void runs_data();
+    void runs();
     void testUpdatesOnlyForExactlyOne_data();
     void testUpdatesOnlyForExactlyOne();
-    void productWithoutIdsIsStillAsked();
     void cacheServesWhenServiceIsGone();
 
 private:
-    bool startSim(const QStringList& extra = {});
+    void startSim(int delayMs = 0);
     int getData(QString* data);
-    void cancelWhileFirstRequestIsInFlight();
+    void cancelWhileRequestIsInFlight();
 
     QThread worker_;
     QTimer cancelPoll_;
@@ -98,147 +90,105 @@ void TestGatheringRun::cleanupTestCase()
     worker_.wait();
 }
 
-bool TestGatheringRun::startSim(const QStringList& extra)
+void TestGatheringRun::startSim(int delayMs)
 {
     sim_ = std::make_unique<KepSimProcess>();
-    if (!sim_->start(QStringLiteral(KEP_SIM_PATH), QStringLiteral(KEP_FIXTURES_DIR), extra)) {
-        qWarning("%s", qPrintable(sim_->errorText()));
-        return false;
-    }
-    TavCoreShared::TavSettings::SettingsManager::instance()->setProperty(QStringLiteral("KepWebServiceUrl"),
-                                                                           sim_->url());
-    return true;
+    QVERIFY2(sim_->start(QStringLiteral(KEP_SIM_PATH), QStringLiteral(KEP_FIXTURES_DIR),
+                         {QStringLiteral("--delay-ms"), QString::number(delayMs)}),
+             qPrintable(sim_->errorText()));
+    setSetting(QStringLiteral("KepWebServiceUrl"), sim_->url());
 }
 
-// Runs getData on the worker thread while this (the plug-in's) thread serves events.
+// getData on the worker thread while this (the plug-in's) thread serves events.
 int TestGatheringRun::getData(QString* data)
 {
     std::atomic<bool> done{false};
     int status = -1;
-    QString result;
     KepDataProviderPlugin* plugin = plugin_.get();
     auto* runner = new QObject;
     runner->moveToThread(&worker_);
     QMetaObject::invokeMethod(runner, [&, plugin, runner] {
-        status = plugin->getData(result);
+        status = plugin->getData(*data);
         runner->deleteLater();
         done.store(true);
     });
-    if (!QTest::qWaitFor([&] { return done.load(); }, 90000))
-        return -100;
-    *data = result;
-    return status;
+    return QTest::qWaitFor([&] { return done.load(); }, 90000) ? status : -100;
 }
 
 // Once the run's first product request is on the wire, the host cancels from another thread.
-void TestGatheringRun::cancelWhileFirstRequestIsInFlight()
+void TestGatheringRun::cancelWhileRequestIsInFlight()
 {
     cancelPoll_.disconnect();
     connect(&cancelPoll_, &QTimer::timeout, this, [this] {
-        if (countContaining(log_->lines(), asked) != 1)
-            return;
-        cancelPoll_.stop();
-        KepDataProviderPlugin* plugin = plugin_.get();
-        std::thread canceller([plugin] { plugin->cancelCurrentAction(); });
-        canceller.join();
+        if (!log_->lines().filter(asked).isEmpty()) {
+            cancelPoll_.stop();
+            KepDataProviderPlugin* plugin = plugin_.get();
+            std::thread([plugin] { plugin->cancelCurrentAction(); }).join();
+        }
     });
     cancelPoll_.start(5);
 }
 
-void TestGatheringRun::successiveRunsReplaceEachOther()
+void TestGatheringRun::runs_data()
 {
-    QVERIFY(startSim());
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
-    QString first;
-    QCOMPARE(getData(&first), 0);
-    QVERIFY(first.contains(QLatin1String("<id>1210</id>")));
-    QVERIFY(!first.contains(QLatin1String("Tools 2013")));
-
-    addProduct(tools, QStringLiteral("MEDIA-TOOLS-2013"), QStringLiteral("310"));
-    QString second;
-    QCOMPARE(getData(&second), 0);
-    QVERIFY(second.contains(QLatin1String("<id>1210</id>")));
-    QVERIFY(second.contains(QLatin1String("Tools 2013")));
-    QCOMPARE(countContaining(log_->lines(), QStringLiteral("KepDataProviderPlugin::getData(): finished. Status = 0")), 2);
+    QTest::addColumn<int>("earlierProducts"); // -1: no earlier run
+    QTest::addColumn<int>("products");
+    QTest::addColumn<bool>("cancel");
+    QTest::addColumn<int>("status");
+    QTest::addColumn<QString>("answer"); // "earlier", "new", or the exact text
+    QTest::newRow("second run replaces the first") << 1 << 2 << false << 0 << "new";
+    QTest::newRow("cancel before any run finished") << -1 << 2 << true << 2 << "";
+    QTest::newRow("cancel after a successful run") << 1 << 2 << true << 2 << "earlier";
+    QTest::newRow("empty database discards the earlier answer") << 1 << 0 << false << 5 << "";
+    QTest::newRow("cancel after an empty run") << 0 << 2 << true << 2 << "";
+    QTest::newRow("cancel during the last product") << -1 << 1 << true << 0 << bareDocument;
 }
 
-void TestGatheringRun::cancelBeforeAnyRunGivesEmpty()
+void TestGatheringRun::runs()
 {
-    QVERIFY(startSim({QStringLiteral("--delay-ms"), QStringLiteral("3000")}));
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
-    addProduct(tools, QStringLiteral("MEDIA-TOOLS-2013"), QStringLiteral("310"));
-    QString data = QStringLiteral("untouched");
-    cancelWhileFirstRequestIsInFlight();
-    QCOMPARE(getData(&data), 2);
-    QCOMPARE(data, QString());
-    const QStringList lines = log_->lines();
-    QCOMPARE(countContaining(lines, asked), 1);
-    QVERIFY(lines.contains(QStringLiteral("2 NetworkManager::sendRequestToKep: operation cancelled")));
-    QVERIFY(lines.contains(QStringLiteral("0 DataManager::cancelAction(): requested cancel")));
-    QVERIFY(lines.contains(QStringLiteral("0 KepDataProviderPlugin::getData(): cancelled. Using data from previous call.")));
-}
-
-void TestGatheringRun::cancelAfterSuccessfulRunKeepsEarlierAnswer()
-{
-    QVERIFY(startSim());
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
-    addProduct(tools, QStringLiteral("MEDIA-TOOLS-2013"), QStringLiteral("310"));
+    QFETCH(int, earlierProducts);
+    QFETCH(int, products);
+    QFETCH(bool, cancel);
+    QFETCH(int, status);
+    QFETCH(QString, answer);
     QString earlier;
-    QCOMPARE(getData(&earlier), 0);
-    QVERIFY(earlier.startsWith(QLatin1String("<?xml")));
-
-    QVERIFY(startSim({QStringLiteral("--delay-ms"), QStringLiteral("3000")}));
+    if (earlierProducts >= 0) {
+        startSim();
+        addProducts(earlierProducts);
+        QCOMPARE(getData(&earlier), earlierProducts ? 0 : 5);
+        TestDb::reset();
+    }
+    addProducts(products);
+    startSim(cancel ? 5000 : 0);
+    if (cancel)
+        cancelWhileRequestIsInFlight();
     log_->clear();
-    cancelWhileFirstRequestIsInFlight();
-    QString data;
-    QCOMPARE(getData(&data), 2);
-    QCOMPARE(data, earlier);
-}
-
-void TestGatheringRun::emptyDatabaseDiscardsPreviousAnswer()
-{
-    QVERIFY(startSim());
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
-    QString data;
-    QCOMPARE(getData(&data), 0);
-    QVERIFY(!data.isEmpty());
-
-    TestDb::reset();
-    log_->clear();
-    QCOMPARE(getData(&data), 5);
-    QCOMPARE(data, QString());
-    QCOMPARE(countContaining(log_->lines(), asked), 0);
-    QVERIFY(log_->contains(QStringLiteral("1 DataManager::getUpdates(): product list is empty")));
-
-    // The empty run is now the one kept: a cancelled run hands back its (empty) answer.
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
-    addProduct(tools, QStringLiteral("MEDIA-TOOLS-2013"), QStringLiteral("310"));
-    QVERIFY(startSim({QStringLiteral("--delay-ms"), QStringLiteral("3000")}));
-    log_->clear();
-    cancelWhileFirstRequestIsInFlight();
-    QCOMPARE(getData(&data), 2);
-    QCOMPARE(data, QString());
-}
-
-void TestGatheringRun::cancelDuringLastProductStillCompletes()
-{
-    QVERIFY(startSim({QStringLiteral("--delay-ms"), QStringLiteral("3000")}));
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
-    cancelWhileFirstRequestIsInFlight();
-    QString data;
-    QCOMPARE(getData(&data), 0);
-    QVERIFY(log_->contains(QStringLiteral("2 NetworkManager::sendRequestToKep: operation cancelled")));
-    QCOMPARE(data, QStringLiteral("<?xml version=\"1.0\"?>\n<root>\n    <updates/>\n    <product_news/>\n</root>"));
+    QString data = QStringLiteral("untouched");
+    QCOMPARE(getData(&data), status);
+    const QStringList lines = log_->lines();
+    if (answer == QLatin1String("earlier")) {
+        QVERIFY(earlier.contains(QLatin1String("<update>")));
+        QCOMPARE(data, earlier);
+    } else if (answer == QLatin1String("new")) {
+        QVERIFY(data.contains(QLatin1String("Studio 2014")) && data.contains(QLatin1String("Tools 2013")));
+        QVERIFY(!earlier.contains(QLatin1String("Tools 2013")));
+    } else {
+        QCOMPARE(data, answer);
+    }
+    QCOMPARE(lines.filter(asked).size(), cancel ? 1 : products);
+    QCOMPARE(lines.contains(QStringLiteral("2 NetworkManager::sendRequestToKep: operation cancelled")), cancel);
+    QCOMPARE(lines.contains(QStringLiteral("0 KepDataProviderPlugin::getData(): cancelled. Using data from previous call.")),
+             status == 2);
+    QCOMPARE(lines.contains(QStringLiteral("1 DataManager::getUpdates(): product list is empty")), status == 5);
 }
 
 void TestGatheringRun::testUpdatesOnlyForExactlyOne_data()
 {
     QTest::addColumn<QVariant>("setting");
-    QTest::addColumn<bool>("testUpdateListed");
+    QTest::addColumn<bool>("listed");
     QTest::newRow("1") << QVariant(QStringLiteral("1")) << true;
     QTest::newRow("number 1") << QVariant(1) << true;
     QTest::newRow("true") << QVariant(QStringLiteral("true")) << false;
-    QTest::newRow("yes") << QVariant(QStringLiteral("yes")) << false;
     QTest::newRow("blank before 1") << QVariant(QStringLiteral(" 1")) << false;
     QTest::newRow("absent") << QVariant() << false;
 }
@@ -246,32 +196,25 @@ void TestGatheringRun::testUpdatesOnlyForExactlyOne_data()
 void TestGatheringRun::testUpdatesOnlyForExactlyOne()
 {
     QFETCH(QVariant, setting);
-    QFETCH(bool, testUpdateListed);
-    QVERIFY(startSim());
-    if (setting.isValid())
-        TavCoreShared::TavSettings::SettingsManager::instance()->setProperty(QStringLiteral("ShowTestUpdates"), setting);
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
+    QFETCH(bool, listed);
+    startSim();
+    setSetting(QStringLiteral("ShowTestUpdates"), setting);
+    addProducts(1);
+    // A product without ids is still asked, with empty ones.
+    TestDb::writeRecord(false, QStringLiteral("{BARE}"), {{"ProductName", "Bare"}});
     QString data;
     QCOMPARE(getData(&data), 0);
-    QCOMPARE(data.contains(QLatin1String("<id>1220</id>")), testUpdateListed);
-    QCOMPARE(countContaining(log_->lines(), QStringLiteral("showTestUpdate=[%1]").arg(testUpdateListed ? 1 : 0)), 1);
-}
-
-void TestGatheringRun::productWithoutIdsIsStillAsked()
-{
-    QVERIFY(startSim());
-    TestDb::writeRecord(true, QStringLiteral("{BARE}"), {{QStringLiteral("ProductName"), QStringLiteral("Bare")}});
-    QString data;
-    QCOMPARE(getData(&data), 0);
+    QCOMPARE(data.contains(QLatin1String("<id>1220</id>")), listed);
+    const QString flag = listed ? "1" : "0";
+    QCOMPARE(log_->lines().filter(QStringLiteral("showTestUpdate=[%1]").arg(flag)).size(), 2);
     QVERIFY(log_->contains(
-        QStringLiteral("0 \"NetworkManager::call_GetTAVProductInfo: mediaId=[];updateId=[];showTestUpdate=[0]\"")));
-    QVERIFY(log_->contains(QStringLiteral("0 NetworkManager::sendRequestToKep: reply ok")));
+        QStringLiteral("0 \"NetworkManager::call_GetTAVProductInfo: mediaId=[];updateId=[];showTestUpdate=[%1]\"").arg(flag)));
 }
 
 void TestGatheringRun::cacheServesWhenServiceIsGone()
 {
-    QVERIFY(startSim());
-    addProduct(studio, QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
+    startSim();
+    addProducts(1);
     QString fresh;
     QCOMPARE(getData(&fresh), 0);
     sim_->stop();

@@ -136,28 +136,16 @@ void TestTavHost::summaryNamesEveryProduct()
     TestDb::writeRecord(true, QStringLiteral("{GONE}"), {{"MediaID", "MEDIA-UNKNOWN"}, {"UpdateID", "1"}});
     const Result result = run({"--set", "KepWebServiceUrl=" + sim.url(), "--summary"});
     QCOMPARE(result.exitCode, 0);
-    const QList<QByteArray> lines = result.err.split('\n');
-    QList<QByteArray> summary;
-    for (const QByteArray& line : lines) {
-        if (line.startsWith("summary: "))
-            summary.append(line);
-    }
-    QCOMPARE(summary.size(), 3);
-    // Plain runs log at level 2 only: the level-0 trace the summary is built from stays hidden.
-    QVERIFY(!result.err.contains("call_GetTAVProductInfo"));
-    QRegularExpression studio(QStringLiteral("^summary: media \\[MEDIA-STUDIO-2014\\] update \\[1200\\] \\d+ ms, "
-                                             "service, 2 updates, 2 news$"));
-    QRegularExpression unknown(QStringLiteral("^summary: media \\[MEDIA-UNKNOWN\\] update \\[1\\] \\d+ ms, "
-                                              "service, 0 updates, 0 news$"));
-    bool studioSeen = false;
-    bool unknownSeen = false;
-    for (const QByteArray& line : summary) {
-        studioSeen = studioSeen || studio.match(QString::fromUtf8(line)).hasMatch();
-        unknownSeen = unknownSeen || unknown.match(QString::fromUtf8(line)).hasMatch();
-    }
-    QVERIFY2(studioSeen && unknownSeen, result.err.constData());
-    QVERIFY(summary.last().startsWith("summary: 2 products asked in "));
-    QVERIFY(summary.last().endsWith("(service 2, cache 0, none 0, cancelled 0), 2 updates, 2 news"));
+    const QString err = QString::fromUtf8(result.err);
+    // The summary is learnt from the level-0 trace, which a default run still does not show.
+    QVERIFY(!err.contains(QLatin1String("call_GetTAVProductInfo")));
+    for (const QString& line :
+         {QStringLiteral("^summary: media \\[MEDIA-STUDIO-2014\\] update \\[1200\\] \\d+ ms, service, 2 updates, 2 news$"),
+          QStringLiteral("^summary: media \\[MEDIA-UNKNOWN\\] update \\[1\\] \\d+ ms, service, 0 updates, 0 news$"),
+          QStringLiteral("^summary: 2 products asked in \\d+ ms \\(service 2, cache 0, none 0, cancelled 0\\), "
+                         "2 updates, 2 news$")})
+        QVERIFY2(QRegularExpression(line, QRegularExpression::MultilineOption).match(err).hasMatch(), qPrintable(err));
+    QCOMPARE(err.count(QLatin1String("summary: ")), 3);
 }
 
 QTEST_GUILESS_MAIN(TestTavHost)
