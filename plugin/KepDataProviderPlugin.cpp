@@ -4,6 +4,13 @@
 #include "localdb/KepLog.h"
 #include "network/NetworkManager.h"
 
+// The controls are compiled into the static core; a static library's resources are
+// registered only when asked for by name, and only from the global namespace.
+static void registerUiResources()
+{
+    Q_INIT_RESOURCE(kepui);
+}
+
 namespace KepPlugin {
 
 namespace {
@@ -35,6 +42,7 @@ QString KepDataProviderPlugin::version()
 
 bool KepDataProviderPlugin::initialize()
 {
+    registerUiResources();
     nm_ = new NetworkManager(this);
     connect(this, &KepDataProviderPlugin::interrupting, nm_, &NetworkManager::interrupt);
     return true;

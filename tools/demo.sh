@@ -3,8 +3,27 @@
 # reference host, the consolidated XML and a short summary; everything is removed afterwards.
 set -euo pipefail
 root=$(cd "$(dirname "$0")/.." && pwd)
-bin="$root/${1:-build}/bin"
+build_dir="$root/${1:-build}"
+bin="$build_dir/bin"
 [ $# -gt 0 ] && shift
+
+host_args=("$@")
+
+# --gui opens the window where there is a display; without one it is drawn into a picture.
+platform=(QT_QPA_PLATFORM=offscreen)
+picture=""
+if [[ " $* " == *" --gui "* ]]; then
+    if [[ " $* " == *" --screenshot "* ]]; then
+        :
+    elif [ -n "${DISPLAY:-}" ] || [ -n "${WAYLAND_DISPLAY:-}" ]; then
+        platform=()
+        echo "demo: the window shows the demo data; close it to see the summary" >&2
+    else
+        picture="$build_dir/demo-window.png"
+        host_args+=(--screenshot "$picture")
+        echo "demo: no display (DISPLAY and WAYLAND_DISPLAY are unset): drawing the window into $picture" >&2
+    fi
+fi
 
 tmp=$(mktemp -d "${TMPDIR:-/tmp}/kep-demo.XXXXXX")
 sim_pid=""
@@ -35,9 +54,9 @@ done
 started=$(date +%s%N)
 set +e
 # The working directory is a scratch folder: an auto-uninstalled record's clean-up acts there.
-(cd "$tmp/work" && HOME="$tmp/home" TAV_SYSTEM_DB_DIR="$tmp/sysdb" XDG_CACHE_HOME="$tmp/home/.cache" \
-    QT_QPA_PLATFORM=offscreen "$bin/tav-host" --set "KepWebServiceUrl=$url" --set ShowTestUpdates=0 \
-    --summary "$@" >"$tmp/answer.xml" 2>"$tmp/host.err")
+(cd "$tmp/work" && env HOME="$tmp/home" TAV_SYSTEM_DB_DIR="$tmp/sysdb" XDG_CACHE_HOME="$tmp/home/.cache" \
+    "${platform[@]}" "$bin/tav-host" --set "KepWebServiceUrl=$url" --set ShowTestUpdates=0 \
+    --summary ${host_args[@]+"${host_args[@]}"} >"$tmp/answer.xml" 2>"$tmp/host.err")
 status=$?
 set -e
 elapsed_ms=$(( ($(date +%s%N) - started) / 1000000 ))
@@ -48,6 +67,8 @@ echo "== Demo summary"
 echo "service:        $url (kep-sim, fixtures from examples/service)"
 echo "product records: $(ls "$tmp/home/vasko/tav/db" | grep -c '\.ini$') user, $(ls "$tmp/sysdb" | grep -c '\.ini$') system after conversion"
 sed -n 's/^summary: /  /p' "$tmp/host.err"
+sed -n 's/^tav-host: first answer shown after /window:         first answer shown after /p' "$tmp/host.err"
+[ -n "$picture" ] && [ -f "$picture" ] && echo "window picture: $picture"
 case $status in
     0) meaning="done" ;; 2) meaning="cancelled" ;; 5) meaning="no registered products" ;; *) meaning="failed" ;;
 esac

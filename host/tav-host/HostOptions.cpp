@@ -16,20 +16,21 @@ bool toNumber(const QString& text, int minimum, int* value)
 QString HostOptions::usage()
 {
     return QStringLiteral("usage: tav-host [--plugin PATH] [--set KEY=VALUE]... [--settings FILE] [--log-level N]\n"
-                          "                [--cancel-after MS] [--summary] [--ca-file PEM]");
+                          "                [--cancel-after MS] [--summary] [--ca-file PEM] [--gui [--screenshot PNG]]");
 }
 
 bool HostOptions::parse(const QStringList& arguments, QString* error)
 {
     for (int i = 1; i < arguments.size(); ++i) {
         const QString option = arguments.at(i);
-        if (option == QLatin1String("--summary")) {
-            summary = true;
+        if (option == QLatin1String("--summary") || option == QLatin1String("--gui")) {
+            (option == QLatin1String("--gui") ? gui : summary) = true;
             continue;
         }
         const bool takesValue = option == QLatin1String("--plugin") || option == QLatin1String("--set")
             || option == QLatin1String("--settings") || option == QLatin1String("--log-level")
-            || option == QLatin1String("--cancel-after") || option == QLatin1String("--ca-file");
+            || option == QLatin1String("--cancel-after") || option == QLatin1String("--ca-file")
+            || option == QLatin1String("--screenshot");
         if (!takesValue) {
             *error = QStringLiteral("unknown argument %1").arg(option);
             return false;
@@ -45,6 +46,8 @@ bool HostOptions::parse(const QStringList& arguments, QString* error)
             settingsFiles.append(value);
         } else if (option == QLatin1String("--ca-file")) {
             caFile = value;
+        } else if (option == QLatin1String("--screenshot")) {
+            screenshotPath = value;
         } else if (option == QLatin1String("--set")) {
             const int equals = value.indexOf(QLatin1Char('='));
             if (equals <= 0) {
@@ -57,6 +60,10 @@ bool HostOptions::parse(const QStringList& arguments, QString* error)
             *error = QStringLiteral("%1 expects a number of 0 or more, got %2").arg(option, value);
             return false;
         }
+    }
+    if (!screenshotPath.isEmpty() && !gui) {
+        *error = QStringLiteral("--screenshot needs --gui");
+        return false;
     }
     return true;
 }

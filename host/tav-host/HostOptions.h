@@ -14,6 +14,8 @@ struct HostOptions
     int cancelAfterMs = -1;
     bool summary = false;
     QString caFile;
+    bool gui = false;
+    QString screenshotPath;
 
     // Fills the options from the arguments; on a usage error returns false with the reason.
     bool parse(const QStringList& arguments, QString* error);

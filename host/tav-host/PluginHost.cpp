@@ -50,16 +50,21 @@ QString PluginHost::load(const QString& path)
 
 void PluginHost::start(int cancelAfterMs)
 {
-    auto* run = new QObject;
-    run->moveToThread(&worker_);
-    connect(&worker_, &QThread::finished, run, &QObject::deleteLater);
+    // One object in the worker thread receives every run, so the plug-in's deferred deletions
+    // happen there between runs.
+    if (!runner_) {
+        runner_ = new QObject;
+        runner_->moveToThread(&worker_);
+        connect(&worker_, &QThread::finished, runner_, &QObject::deleteLater);
+        worker_.start();
+    }
     IDataProvider* provider = provider_;
-    connect(&worker_, &QThread::started, run, [this, provider] {
+    QMetaObject::invokeMethod(runner_, [this, provider] {
         QString data;
         const int status = provider->getData(data);
         emit finished(status, data);
-    });
-    if (cancelAfterMs >= 0) {
+    }, Qt::QueuedConnection);
+    if (cancelAfterMs >= 0 && !canceller_.isRunning()) {
         auto* timer = new QTimer;
         timer->setSingleShot(true);
         timer->setInterval(cancelAfterMs);
@@ -69,7 +74,17 @@ void PluginHost::start(int cancelAfterMs)
         connect(&canceller_, &QThread::finished, timer, &QObject::deleteLater);
         canceller_.start();
     }
-    worker_.start();
+}
+
+void PluginHost::cancel()
+{
+    if (provider_)
+        provider_->cancelCurrentAction();
+}
+
+QMap<QString, QObject*> PluginHost::qmlObjects() const
+{
+    return provider_ ? provider_->qmlObjects() : QMap<QString, QObject*>();
 }
 
 void PluginHost::shutdown()
@@ -80,4 +95,5 @@ void PluginHost::shutdown()
     provider_ = nullptr;
     worker_.quit();
     worker_.wait();
+    runner_ = nullptr;
 }

@@ -1,5 +1,6 @@
 #pragma once
 
+#include <QMap>
 #include <QObject>
 #include <QPluginLoader>
 #include <QString>
@@ -19,9 +20,14 @@ public:
 
     // Loads, checks the IID and the interface, initialises; on failure returns the reason.
     QString load(const QString& path);
-    // Starts one getData run; finished() follows. A cancel is sent from a third thread after
-    // cancelAfterMs when that is 0 or more.
+    // Starts one getData run on the worker thread; finished() follows. May be called again once
+    // finished() has come. A cancel is sent from a third thread after cancelAfterMs when that is
+    // 0 or more (first run only).
     void start(int cancelAfterMs);
+    // Asks the plug-in to stop the run in progress; finished() still follows.
+    void cancel();
+    // The objects the plug-in offers to the host's QML; empty before load() succeeded.
+    QMap<QString, QObject*> qmlObjects() const;
     // Deletes the plug-in object, then lets the worker thread run the deletions it deferred.
     void shutdown();
 
@@ -33,6 +39,7 @@ signals:
 private:
     QPluginLoader loader_;
     IDataProvider* provider_ = nullptr;
+    QObject* runner_ = nullptr;
     QThread worker_;
     QThread canceller_;
 };

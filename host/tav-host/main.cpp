@@ -2,6 +2,7 @@
 // once and prints the answer.
 
 #include "HostOptions.h"
+#include "HostWindow.h"
 #include "PluginHost.h"
 #include "RunSummary.h"
 
@@ -9,9 +10,13 @@
 #include "tavcore/SettingsManager.h"
 
 #include <QCoreApplication>
+#include <QElapsedTimer>
+#include <QEventLoop>
+#include <QGuiApplication>
 #include <QSslConfiguration>
 
 #include <cstdio>
+#include <memory>
 
 namespace {
 
@@ -57,14 +62,87 @@ bool applySettings(const HostOptions& options, QString* error)
     return true;
 }
 
+// A window needs a display unless it is only drawn into a picture; say so instead of letting
+// the platform plug-in abort.
+bool prepareGuiPlatform(const HostOptions& options, QString* error)
+{
+    if (!options.screenshotPath.isEmpty()) {
+        if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM"))
+            qputenv("QT_QPA_PLATFORM", "offscreen");
+        if (qEnvironmentVariableIsEmpty("QT_QUICK_BACKEND"))
+            qputenv("QT_QUICK_BACKEND", "software");
+        return true;
+    }
+    if (qEnvironmentVariableIsEmpty("QT_QPA_PLATFORM") && qEnvironmentVariableIsEmpty("DISPLAY")
+        && qEnvironmentVariableIsEmpty("WAYLAND_DISPLAY")) {
+        *error = QStringLiteral("--gui needs a display (DISPLAY or WAYLAND_DISPLAY); "
+                                "use --screenshot PNG to draw the window without one");
+        return false;
+    }
+    return true;
+}
+
+// Prints the answer the way the command-line run does.
+void printAnswer(const QString& data)
+{
+    if (!data.isEmpty())
+        std::fprintf(stdout, "%s\n", qUtf8Printable(data));
+    std::fflush(stdout);
+}
+
+int runWindow(QCoreApplication& app, PluginHost& host, const HostOptions& options, const QElapsedTimer& clock)
+{
+    auto window = std::make_unique<HostWindow>(&host);
+    window->setScreenshotPath(options.screenshotPath);
+    const QString reason = window->load();
+    if (!reason.isEmpty())
+        return fail(1, reason);
+    int code = -1;
+    QObject::connect(window.get(), &HostWindow::firstAnswerShown, &app, [&clock] {
+        std::fprintf(stderr, "tav-host: first answer shown after %lld ms\n", static_cast<long long>(clock.elapsed()));
+    });
+    QObject::connect(window.get(), &HostWindow::screenshotSaved, &app, [&](const QString& error) {
+        if (!error.isEmpty())
+            code = fail(1, error);
+        app.quit();
+    });
+    window->checkForUpdates(options.cancelAfterMs);
+    app.exec();
+    // Closed during a run: the plug-in must not be deleted under a getData call.
+    if (window->busy()) {
+        QEventLoop wait;
+        QObject::connect(window.get(), &HostWindow::busyChanged, &wait, &QEventLoop::quit);
+        host.cancel();
+        wait.exec();
+    }
+    printAnswer(window->data());
+    const int status = window->status();
+    window.reset();
+    // The lists' entries are released with deleteLater; the event loop has already ended.
+    QCoreApplication::sendPostedEvents(nullptr, QEvent::DeferredDelete);
+    return code >= 0 ? code : status;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
 {
-    QCoreApplication app(argc, argv);
+    QElapsedTimer clock;
+    clock.start();
     HostOptions options;
     QString error;
-    if (!options.parse(app.arguments(), &error) || !applySettings(options, &error))
+    QStringList arguments;
+    for (int i = 0; i < argc; ++i)
+        arguments.append(QString::fromLocal8Bit(argv[i]));
+    if (!options.parse(arguments, &error))
+        return fail(64, error + QLatin1Char('\n') + HostOptions::usage());
+    if (options.gui && !prepareGuiPlatform(options, &error))
+        return fail(1, error);
+    // The window needs a GUI application object, and it has to exist before anything else.
+    std::unique_ptr<QCoreApplication> application(options.gui ? new QGuiApplication(argc, argv)
+                                                              : new QCoreApplication(argc, argv));
+    QCoreApplication& app = *application;
+    if (!applySettings(options, &error))
         return fail(64, error + QLatin1Char('\n') + HostOptions::usage());
 
     RunSummary summary;
@@ -81,15 +159,17 @@ int main(int argc, char** argv)
         return fail(1, reason);
 
     int status = 0;
-    QObject::connect(&host, &PluginHost::finished, &app, [&](int runStatus, const QString& data) {
-        status = runStatus;
-        if (!data.isEmpty())
-            std::fprintf(stdout, "%s\n", qUtf8Printable(data));
-        std::fflush(stdout);
-        app.quit();
-    }, Qt::QueuedConnection);
-    host.start(options.cancelAfterMs);
-    app.exec();
+    if (options.gui) {
+        status = runWindow(app, host, options, clock);
+    } else {
+        QObject::connect(&host, &PluginHost::finished, &app, [&](int runStatus, const QString& data) {
+            status = runStatus;
+            printAnswer(data);
+            app.quit();
+        }, Qt::QueuedConnection);
+        host.start(options.cancelAfterMs);
+        app.exec();
+    }
     host.shutdown();
 
     if (options.summary) {

@@ -1,0 +1,109 @@
+#include "HostWindow.h"
+
+#include "ConsolidatedAnswer.h"
+#include "PluginHost.h"
+
+#include <QPixmap>
+#include <QQmlContext>
+#include <QScreen>
+#include <QQuickWindow>
+
+#include <cstdio>
+
+// The window's QML is compiled into a static library; its resources register only on request.
+static void registerWindowResources()
+{
+    Q_INIT_RESOURCE(tavhost);
+}
+
+namespace {
+// A picture taller than this would be unreadable anyway; the list scrolls beyond it.
+const int maxScreenshotHeight = 4000;
+} // namespace
+
+HostWindow::HostWindow(PluginHost* host, QObject* parent)
+    : QObject(parent)
+    , host_(host)
+{
+    registerWindowResources();
+    connect(host_, &PluginHost::finished, this, &HostWindow::takeAnswer, Qt::QueuedConnection);
+}
+
+HostWindow::~HostWindow() = default;
+
+QString HostWindow::load()
+{
+    const QMap<QString, QObject*> objects = host_->qmlObjects();
+    for (auto it = objects.cbegin(); it != objects.cend(); ++it)
+        engine_.rootContext()->setContextProperty(it.key(), it.value());
+    engine_.rootContext()->setContextProperty(QStringLiteral("host"), this);
+    QStringList errors;
+    connect(&engine_, &QQmlApplicationEngine::warnings, this, [&errors](const QList<QQmlError>& warnings) {
+        for (const QQmlError& warning : warnings)
+            errors.append(warning.toString());
+    });
+    engine_.load(QUrl(QStringLiteral("qrc:/tavhost/HostWindow.qml")));
+    disconnect(&engine_, &QQmlApplicationEngine::warnings, this, nullptr);
+    window_ = engine_.rootObjects().isEmpty() ? nullptr : qobject_cast<QQuickWindow*>(engine_.rootObjects().first());
+    if (!window_)
+        return errors.isEmpty() ? QStringLiteral("the window's QML gave no window") : errors.join(QLatin1Char('\n'));
+    connect(window_, &QQuickWindow::frameSwapped, this, &HostWindow::frameDrawn);
+    return QString();
+}
+
+void HostWindow::checkForUpdates(int cancelAfterMs)
+{
+    if (busy_)
+        return;
+    busy_ = true;
+    emit busyChanged();
+    host_->start(cancelAfterMs);
+}
+
+void HostWindow::takeAnswer(int status, const QString& data)
+{
+    const ConsolidatedAnswer answer = ConsolidatedAnswer::read(data);
+    if (!answer.errorText().isEmpty())
+        std::fprintf(stderr, "tav-host: the answer is not a document: %s\n", qUtf8Printable(answer.errorText()));
+    status_ = status;
+    data_ = data;
+    updates_ = answer.updates();
+    news_ = answer.news();
+    busy_ = false;
+    answered_ = true;
+    emit answerChanged();
+    emit busyChanged();
+    if (window_)
+        window_->update();
+}
+
+void HostWindow::frameDrawn()
+{
+    if (!answered_ || pictureTaken_)
+        return;
+    if (!firstShown_) {
+        firstShown_ = true;
+        emit firstAnswerShown();
+    }
+    if (screenshotPath_.isEmpty())
+        return;
+    // The lists are laid out only now; grow the window to show them all, then take the next frame.
+    const int fullHeight = qMin(window_->property("fullHeight").toInt(), maxScreenshotHeight);
+    if (fullHeight > window_->height()) {
+        window_->setHeight(fullHeight);
+        return;
+    }
+    pictureTaken_ = true;
+    // Not from inside the frame's own signal: the grab renders a frame of its own.
+    QMetaObject::invokeMethod(this, [this] {
+        // The software scene graph grabs from its backing store, which the offscreen platform
+        // cannot read back; the screen can.
+        QImage picture = window_->grabWindow();
+        if (picture.isNull() && window_->screen())
+            picture = window_->screen()->grabWindow(window_->winId()).toImage();
+        if (picture.isNull() || !picture.save(screenshotPath_, "PNG"))
+            emit screenshotSaved(QStringLiteral("cannot write the screenshot %1").arg(screenshotPath_));
+        else
+            emit screenshotSaved(QString());
+    }, Qt::QueuedConnection);
+}
