@@ -67,6 +67,11 @@ int KepDataProviderPlugin::getData(QString& data)
 {
     auto* run = new DataManager(nullptr);
     connect(this, &KepDataProviderPlugin::interrupting, run, &DataManager::interrupt, Qt::DirectConnection);
+    // Receivers run in connection order. The run's flag must be set before the request in
+    // flight is aborted, or the worker can finish that product and pass the check before the
+    // flag is up, losing the cancel; so the network client is moved behind the run.
+    disconnect(this, &KepDataProviderPlugin::interrupting, nm_, &NetworkManager::interrupt);
+    connect(this, &KepDataProviderPlugin::interrupting, nm_, &NetworkManager::interrupt);
     const int status = run->getUpdates();
     DataManager* used = run;
     if (status == 2) {

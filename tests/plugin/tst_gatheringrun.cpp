@@ -48,6 +48,7 @@ private slots:
     void testUpdatesOnlyForExactlyOne_data();
     void testUpdatesOnlyForExactlyOne();
     void cacheServesWhenServiceIsGone();
+    void regression_cancelLostWhileLoggerIsSlow();
 
 private:
     void startSim(int delayMs = 0);
@@ -56,6 +57,7 @@ private:
 
     QThread worker_;
     QTimer cancelPoll_;
+    std::thread canceller_;
     std::unique_ptr<KepDataProviderPlugin> plugin_;
     std::unique_ptr<KepSimProcess> sim_;
     std::unique_ptr<LogCapture> log_;
@@ -79,6 +81,8 @@ void TestGatheringRun::init()
 void TestGatheringRun::cleanup()
 {
     cancelPoll_.stop();
+    if (canceller_.joinable())
+        canceller_.join();
     plugin_.reset();
     sim_.reset();
     log_.reset();
@@ -123,7 +127,8 @@ void TestGatheringRun::cancelWhileRequestIsInFlight()
         if (!log_->lines().filter(asked).isEmpty()) {
             cancelPoll_.stop();
             KepDataProviderPlugin* plugin = plugin_.get();
-            std::thread([plugin] { plugin->cancelCurrentAction(); }).join();
+            // Not joined here: the plug-in's thread must stay free while the cancel is on its way.
+            canceller_ = std::thread([plugin] { plugin->cancelCurrentAction(); });
         }
     });
     cancelPoll_.start(5);
@@ -223,6 +228,32 @@ void TestGatheringRun::cacheServesWhenServiceIsGone()
     QCOMPARE(getData(&cached), 0);
     QCOMPARE(cached, fresh);
     QVERIFY(log_->contains(QStringLiteral("0 NetworkManager::sendRequestToKep: cached data loaded")));
+}
+
+namespace {
+QtMessageHandler chained_ = nullptr;
+// A host logger that stalls on the run's cancel line, as a busy stderr can.
+void slowOnCancelLine(QtMsgType type, const QMessageLogContext& context, const QString& message)
+{
+    if (message.contains(QLatin1String("DataManager::cancelAction()")))
+        QThread::msleep(500);
+    chained_(type, context, message);
+}
+} // namespace
+
+// The network abort used to be queued before the run's flag was set: with a slow logger the
+// worker finished the aborted product and asked the next one, and the cancel was lost.
+void TestGatheringRun::regression_cancelLostWhileLoggerIsSlow()
+{
+    addProducts(2);
+    startSim(5000);
+    cancelWhileRequestIsInFlight();
+    chained_ = qInstallMessageHandler(slowOnCancelLine);
+    QString data;
+    const int status = getData(&data);
+    qInstallMessageHandler(chained_);
+    QCOMPARE(status, 2);
+    QCOMPARE(log_->lines().filter(asked).size(), 1);
 }
 
 QTEST_GUILESS_MAIN(TestGatheringRun)
