@@ -2,6 +2,7 @@
 
 #include "tavcore/Logger.h"
 
+#include <QDebug>
 #include <QMutex>
 #include <QMutexLocker>
 
@@ -49,4 +50,14 @@ void LogCapture::clear()
 {
     QMutexLocker lock(&mutex_);
     captured_.clear();
+}
+
+QString LogCapture::line(int level, const QString& text, const QVariant& item)
+{
+    QString out = QString::number(level) + QLatin1Char(' ') + text;
+    if (item.type() == QVariant::Int)
+        out += QLatin1Char(' ') + item.toString();
+    else if (item.isValid())
+        QDebug(&out.append(QLatin1Char(' '))).nospace() << item.toString();
+    return out;
 }

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QStringList>
+#include <QVariant>
 #include <QtGlobal>
 
 // Collects the plug-in's log lines (critical severity, category "default") while it lives,
@@ -15,6 +16,8 @@ public:
     QStringList lines() const;
     bool contains(const QString& line) const { return lines().contains(line); }
     void clear();
+    // A line as the log writes it: the level, the literal text, then the item (a QString in quotes).
+    static QString line(int level, const QString& text, const QVariant& item = {});
 
 private:
     int previousLevel_;

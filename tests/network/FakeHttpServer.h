@@ -1,49 +1,63 @@
 #pragma once
 
-#include <QByteArray>
-#include <QList>
+#include <QRegularExpression>
 #include <QTcpServer>
+#include <QTcpSocket>
 #include <QUrl>
 
-class QTcpSocket;
+#include <functional>
+#include <sys/socket.h>
 
-// An HTTP peer on 127.0.0.1 for the client tests: reads each whole request, records it and
-// answers with canned bytes, or misbehaves as told. Port 0, so suites never collide.
+// An HTTP peer on 127.0.0.1, port 0: reads each whole request, records it and answers with
+// canned bytes, then closes, resets the connection or stays silent.
 class FakeHttpServer : public QTcpServer
 {
-    Q_OBJECT
 public:
-    // What happens once a whole request has arrived.
-    enum class Ending {
-        Close,    // write the answer, then close gracefully
-        Reset,    // write the answer, then reset the connection (RST)
-        Silent,   // never answer, keep the connection open
-    };
+    enum Ending { Close, Reset, Silent };
+    explicit FakeHttpServer(const QByteArray& answer = {}, Ending ending = Close)
+        : answer_(answer), ending_(ending)
+    {
+        listen(QHostAddress::LocalHost, 0);
+    }
+    QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1/kep").arg(serverPort())); }
+    static QByteArray ok(const QByteArray& body)
+    {
+        return "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    }
 
-    explicit FakeHttpServer(QObject* parent = nullptr);
-
-    void setAnswer(const QByteArray& bytes, Ending ending = Ending::Close);
-    QUrl url() const;
-
-    QList<QByteArray> requests() const { return requests_; }
-    QByteArray lastRequest() const { return requests_.isEmpty() ? QByteArray() : requests_.last(); }
-
-    // A 200 answer carrying the body with its length.
-    static QByteArray ok(const QByteArray& body, const QByteArray& contentType = "text/xml; charset=utf-8");
-    // Header lines (name: value) of a raw request, in order, and its body.
-    static QList<QPair<QByteArray, QByteArray>> headers(const QByteArray& request);
-    static QByteArray body(const QByteArray& request);
-
-signals:
-    void requestReceived();
+    QList<QByteArray> requests;
+    std::function<void()> onRequest = [] {};
 
 protected:
-    void incomingConnection(qintptr descriptor) override;
+    void incomingConnection(qintptr descriptor) override
+    {
+        auto* socket = new QTcpSocket(this);
+        socket->setSocketDescriptor(descriptor);
+        connect(socket, &QTcpSocket::readyRead, this, [this, socket] {
+            // The bytes so far stay on the socket until the request is whole.
+            const QByteArray pending = socket->property("pending").toByteArray() + socket->readAll();
+            socket->setProperty("pending", pending);
+            const int end = pending.indexOf("\r\n\r\n");
+            static const QRegularExpression length(QStringLiteral("(?i)\ncontent-length: *(\\d+)"));
+            if (end < 0 || pending.size() < end + 4 + length.match(pending.left(end)).captured(1).toInt())
+                return;
+            socket->setProperty("pending", QByteArray());
+            requests.append(pending);
+            onRequest();
+            if (ending_ == Silent)
+                return;
+            socket->write(answer_);
+            if (ending_ == Close)
+                return socket->disconnectFromHost();
+            socket->flush();
+            // A zero linger time makes the close send RST instead of FIN.
+            const linger hard{1, 0};
+            ::setsockopt(int(socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
+            socket->abort();
+        });
+    }
 
 private:
-    void readFrom(QTcpSocket* socket);
-
     QByteArray answer_;
-    Ending ending_ = Ending::Close;
-    QList<QByteArray> requests_;
+    Ending ending_;
 };
