@@ -98,13 +98,26 @@ void NetworkManager::sendRequestToKep(QNetworkRequest request, QByteArray& data)
         return;
     }
 
-    const QNetworkReply::NetworkError code = reply_->error();
+    QNetworkReply::NetworkError code = reply_->error();
+    QString errorText = reply_->errorString();
     const QString cacheKey = reply_->request().attribute(QNetworkRequest::User).toString();
     auto* cache = networkAccessManager_->cache();
 
+    QByteArray bytes;
+    if (code == QNetworkReply::NoError) {
+        bytes = reply_->readAll();
+        // A connection reset after part of the body may still finish without an error; the
+        // announced length tells (unless the body was compressed, when the two differ anyway).
+        const QVariant announced = reply_->header(QNetworkRequest::ContentLengthHeader);
+        if (announced.isValid() && reply_->rawHeader("Content-Encoding").isEmpty()
+            && bytes.size() < announced.toLongLong()) {
+            code = QNetworkReply::RemoteHostClosedError;
+            errorText = QStringLiteral("Connection closed after %1 of %2 bytes").arg(bytes.size()).arg(announced.toLongLong());
+        }
+    }
+
     if (code == QNetworkReply::NoError) {
         KEP_LOG(0) << "NetworkManager::sendRequestToKep: reply ok";
-        const QByteArray bytes = reply_->readAll();
         const QString text = QString::fromUtf8(bytes.constData(), int(qstrnlen(bytes.constData(), size_t(bytes.size()))));
         {
             QMutexLocker lock(&mutex_);
@@ -123,7 +136,7 @@ void NetworkManager::sendRequestToKep(QNetworkRequest request, QByteArray& data)
     }
 
     KEP_LOG(2) << QStringLiteral("NetworkManager::sendRequestToKep: reply error [%1]: %2")
-                      .arg(QString::number(int(code)), reply_->errorString());
+                      .arg(QString::number(int(code)), errorText);
     if (!cacheKey.isEmpty()) {
         KEP_LOG(0) << "NetworkManager::sendRequestToKep: try loading data from cache...";
         replyText_ = cache->data(cacheKey);
@@ -176,10 +189,15 @@ void NetworkManager::removeSoapHeaders()
 {
     if (replyText_.isEmpty())
         return;
+    replyText_ = soapReplyToText(replyText_);
+}
+
+QString NetworkManager::soapReplyToText(const QString& reply)
+{
     // The HTML reader drops every tag and resolves the escaped payload back into XML text.
     QTextDocument document;
-    document.setHtml(replyText_);
-    replyText_ = document.toPlainText();
+    document.setHtml(reply);
+    return document.toPlainText();
 }
 
 void NetworkManager::checkNetworkReply()
@@ -189,16 +207,19 @@ void NetworkManager::checkNetworkReply()
     QMutexLocker lock(&mutex_);
     if (replyText_.isEmpty())
         return;
+    state_ = stateOfReplyText(replyText_);
+}
 
+// -1 when the text holds a bracketed code this client does not know or cannot read.
+int NetworkManager::stateOfReplyText(const QString& text)
+{
     // The code sits between the first "[" and the next "[" or "]", if the first "]" comes
     // after a "[" at all.
-    const int close = replyText_.indexOf(QLatin1Char(']'));
-    const QStringRef firstPart = replyText_.leftRef(close < 0 ? replyText_.size() : close);
+    const int close = text.indexOf(QLatin1Char(']'));
+    const QStringRef firstPart = text.leftRef(close < 0 ? text.size() : close);
     const int open = firstPart.indexOf(QLatin1Char('['));
-    if (open < 0) {
-        state_ = 0;
-        return;
-    }
+    if (open < 0)
+        return 0;
     const int nextOpen = firstPart.indexOf(QLatin1Char('['), open + 1);
     const QString code = firstPart.mid(open + 1, nextOpen < 0 ? -1 : nextOpen - open - 1).toString();
     KEP_LOG(0) << "NetworkManager::checkNetworkReply(): error code parsed = " << code;
@@ -206,22 +227,18 @@ void NetworkManager::checkNetworkReply()
     bool ok = false;
     const int number = code.toInt(&ok, 10);
     if (!ok)
-        return;
+        return -1;
     switch (number) {
     case 0: case 38: case 119: case 320:
-        state_ = 0;
-        break;
+        return 0;
     case 10: case 37: case 39: case 49: case 172:
-        state_ = 4;
-        break;
+        return 4;
     case 326:
-        state_ = 5;
-        break;
+        return 5;
     case 321:
-        state_ = 6;
-        break;
+        return 6;
     default:
-        break;
+        return -1;
     }
 }
 

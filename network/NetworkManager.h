@@ -37,6 +37,10 @@ public:
     void removeSoapHeaders();
     void checkNetworkReply();
 
+    // What the two steps above do to a reply's text, without the state they keep.
+    static QString soapReplyToText(const QString& reply);
+    static int stateOfReplyText(const QString& text);
+
     QString networkReplyStr() const;
     int error() const;
 

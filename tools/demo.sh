@@ -7,7 +7,14 @@ build_dir="$root/${1:-build}"
 bin="$build_dir/bin"
 [ $# -gt 0 ] && shift
 
-host_args=("$@")
+# --tls serves HTTPS with certificates made for this run and has the host trust their CA; the
+# remaining arguments go to tav-host.
+tls=0
+host_args=()
+for arg in "$@"; do
+    if [ "$arg" = --tls ]; then tls=1; else host_args+=("$arg"); fi
+done
+set -- ${host_args[@]+"${host_args[@]}"}
 
 # --gui opens the window where there is a display; without one it is drawn into a picture.
 platform=(QT_QPA_PLATFORM=offscreen)
@@ -40,7 +47,13 @@ mkdir -p "$tmp/home/vasko/tav/db" "$tmp/sysdb" "$tmp/work"
 cp "$root/examples/db/user/"* "$tmp/home/vasko/tav/db/"
 cp "$root/examples/db/system/"* "$tmp/sysdb/"
 
-"$bin/kep-sim" --fixtures "$root/examples/service" --port 0 >"$tmp/sim.out" 2>"$tmp/sim.err" &
+sim_args=()
+if [ "$tls" -eq 1 ]; then
+    "$root/tools/kep-sim/make-test-certs.sh" "$tmp/certs"
+    sim_args=(--tls "$tmp/certs/server.pem" "$tmp/certs/server.key")
+    host_args+=(--ca-file "$tmp/certs/ca.pem")
+fi
+"$bin/kep-sim" --fixtures "$root/examples/service" --port 0 ${sim_args[@]+"${sim_args[@]}"} >"$tmp/sim.out" 2>"$tmp/sim.err" &
 sim_pid=$!
 url=""
 for _ in $(seq 100); do
@@ -65,6 +78,7 @@ cat "$tmp/answer.xml"
 echo
 echo "== Demo summary"
 echo "service:        $url (kep-sim, fixtures from examples/service)"
+[ "$tls" -eq 1 ] && echo "tls:            certificate for 127.0.0.1 signed by a CA made for this run (tav-host --ca-file)"
 echo "product records: $(ls "$tmp/home/vasko/tav/db" | grep -c '\.ini$') user, $(ls "$tmp/sysdb" | grep -c '\.ini$') system after conversion"
 sed -n 's/^summary: /  /p' "$tmp/host.err"
 sed -n 's/^tav-host: first answer shown after /window:         first answer shown after /p' "$tmp/host.err"

@@ -1,8 +1,10 @@
 #pragma once
 
+#include "AnswerFault.h"
 #include "FixtureStore.h"
 
 #include <KDSoapServer/KDSoapServer.h>
+#include <QSet>
 
 namespace KepSim {
 
@@ -11,15 +13,22 @@ class KepSimServer : public KDSoapServer
 {
     Q_OBJECT
 public:
-    KepSimServer(const FixtureStore& fixtures, int delayMs, QObject* parent = nullptr);
+    KepSimServer(const FixtureStore& fixtures, int delayMs, const AnswerFault& fault = AnswerFault(),
+                 QObject* parent = nullptr);
 
     QObject* createServerObject() override;
+
+protected:
+    void incomingConnection(qintptr descriptor) override;
+    bool eventFilter(QObject* watched, QEvent* event) override;
 
 private:
     Q_DISABLE_COPY(KepSimServer)
 
     FixtureStore fixtures_;
     int delayMs_;
+    AnswerFault fault_;
+    QSet<qintptr> connections_;
 };
 
 } // namespace KepSim

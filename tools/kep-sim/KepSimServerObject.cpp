@@ -23,9 +23,10 @@ QString childText(const KDSoapValue& parent, const char* name)
 
 const QString KepSimServerObject::serviceNamespace = QStringLiteral("urn:vasko:kep:registration:1");
 
-KepSimServerObject::KepSimServerObject(const FixtureStore& fixtures, int delayMs)
+KepSimServerObject::KepSimServerObject(const FixtureStore& fixtures, int delayMs, const AnswerFault& fault)
     : fixtures_(fixtures)
     , delayMs_(delayMs)
+    , fault_(fault)
 {
 }
 
@@ -77,7 +78,17 @@ void KepSimServerObject::processRequest(const KDSoapMessage& request, KDSoapMess
     QElapsedTimer clock;
     clock.start();
     QString note;
-    const QString text = answerText(request, &note);
+    QString text = answerText(request, &note);
+    if (fault_.kind == AnswerFault::SoapFault) {
+        // The fault alone: any argument set here would end up inside the Fault element.
+        QTextStream(stderr) << "kep-sim: " << note << " -> injected SOAP fault" << Qt::endl;
+        setFault(QStringLiteral("Server"), QStringLiteral("kep-sim: injected fault"));
+        return;
+    }
+    if (fault_.kind == AnswerFault::ServiceCode) {
+        note += QStringLiteral(" -> injected ") + fault_.serviceText;
+        text = fault_.serviceText;
+    }
 
     setResponseNamespace(serviceNamespace);
     KDSoapMessage answer;

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "AnswerFault.h"
 #include "FixtureStore.h"
 
 #include <KDSoapServer/KDSoapServerObjectInterface.h>
@@ -9,13 +10,14 @@
 namespace KepSim {
 
 // Answers GetTAVProductInfo for one connection: checks the AuthHeader, then returns the
-// fixture's product XML, or a bracketed service code text, as the text of the result.
+// fixture's product XML, or a bracketed service code text, as the text of the result; or the
+// injected SOAP fault or service code instead.
 class KepSimServerObject : public QObject, public KDSoapServerObjectInterface
 {
     Q_OBJECT
     Q_INTERFACES(KDSoapServerObjectInterface)
 public:
-    KepSimServerObject(const FixtureStore& fixtures, int delayMs);
+    KepSimServerObject(const FixtureStore& fixtures, int delayMs, const AnswerFault& fault);
 
     void processRequest(const KDSoapMessage& request, KDSoapMessage& response, const QByteArray& soapAction) override;
 
@@ -29,6 +31,7 @@ private:
 
     const FixtureStore& fixtures_;
     int delayMs_;
+    AnswerFault fault_;
 };
 
 } // namespace KepSim

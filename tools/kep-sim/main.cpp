@@ -1,4 +1,6 @@
+#include "AnswerFault.h"
 #include "FixtureStore.h"
+#include "FrontLayer.h"
 #include "KepSimServer.h"
 
 #include <QCommandLineParser>
@@ -26,6 +28,19 @@ int main(int argc, char** argv)
     QCoreApplication app(argc, argv);
     QCoreApplication::setApplicationName(QStringLiteral("kep-sim"));
 
+    // --tls takes two values, which the parser cannot express: take them out first.
+    QStringList arguments = app.arguments();
+    QString tlsCertificate;
+    QString tlsKey;
+    const int tlsAt = arguments.indexOf(QStringLiteral("--tls"));
+    if (tlsAt > 0) {
+        if (tlsAt + 2 >= arguments.size())
+            return fail(usageError, QStringLiteral("--tls needs CERT and KEY"));
+        tlsCertificate = arguments.at(tlsAt + 1);
+        tlsKey = arguments.at(tlsAt + 2);
+        arguments.erase(arguments.begin() + tlsAt, arguments.begin() + tlsAt + 3);
+    }
+
     QCommandLineParser parser;
     parser.setApplicationDescription(QStringLiteral("Kep registration service simulator on 127.0.0.1."));
     parser.addHelpOption();
@@ -35,11 +50,15 @@ int main(int argc, char** argv)
                                         QStringLiteral("N"), QStringLiteral("0"));
     const QCommandLineOption delayOption(QStringLiteral("delay-ms"), QStringLiteral("Delay every answer by N ms."),
                                          QStringLiteral("N"), QStringLiteral("0"));
-    parser.addOptions({fixturesOption, portOption, delayOption});
-    if (!parser.parse(app.arguments()))
+    const QCommandLineOption faultOption(QStringLiteral("fault"),
+        QStringLiteral("Inject one fault into every answer:\n") + KepSim::AnswerFault::description(),
+        QStringLiteral("MODE"));
+    parser.addOptions({fixturesOption, portOption, delayOption, faultOption});
+    if (!parser.parse(arguments))
         return fail(usageError, parser.errorText());
     if (parser.isSet(QStringLiteral("help"))) {
-        QTextStream(stdout) << parser.helpText();
+        QTextStream(stdout) << parser.helpText()
+                            << "  --tls <CERT> <KEY>     Serve HTTPS with this PEM certificate chain and key.\n";
         return 0;
     }
     if (!parser.positionalArguments().isEmpty())
@@ -57,12 +76,30 @@ int main(int argc, char** argv)
     if (!delayOk || delayMs < 0)
         return fail(usageError, QStringLiteral("--delay-ms wants a number of milliseconds"));
 
-    KepSim::KepSimServer server(KepSim::FixtureStore(QFileInfo(fixtures).absoluteFilePath()), delayMs);
-    if (!server.listen(QHostAddress::LocalHost, quint16(port)))
+    KepSim::AnswerFault fault;
+    QString error;
+    if (parser.isSet(faultOption) && !KepSim::AnswerFault::parse(parser.value(faultOption), &fault, &error))
+        return fail(usageError, error);
+
+    KepSim::KepSimServer server(KepSim::FixtureStore(QFileInfo(fixtures).absoluteFilePath()), delayMs, fault);
+    // Broken HTTP and TLS are played by a front layer; the SOAP server then sits behind it.
+    const bool front = fault.breaksTransport() || !tlsCertificate.isEmpty();
+    if (!server.listen(QHostAddress::LocalHost, front ? 0 : quint16(port)))
         return fail(1, QStringLiteral("cannot listen on 127.0.0.1:%1: %2").arg(port).arg(server.errorString()));
+    QString endPoint = server.endPoint();
+    KepSim::FrontLayer frontLayer(fault, server.serverPort());
+    if (front) {
+        if (!tlsCertificate.isEmpty() && !frontLayer.setTls(tlsCertificate, tlsKey, &error))
+            return fail(usageError, error);
+        if (!frontLayer.listen(QHostAddress::LocalHost, quint16(port)))
+            return fail(1, QStringLiteral("cannot listen on 127.0.0.1:%1: %2").arg(port).arg(frontLayer.errorString()));
+        endPoint = QStringLiteral("%1://127.0.0.1:%2/")
+                       .arg(frontLayer.tls() ? QStringLiteral("https") : QStringLiteral("http"))
+                       .arg(frontLayer.serverPort());
+    }
 
     // Whoever started us waits for this line to learn the address.
-    std::printf("kep-sim listening on %s\n", qPrintable(server.endPoint()));
+    std::printf("kep-sim listening on %s\n", qPrintable(endPoint));
     std::fflush(stdout);
     return app.exec();
 }
