@@ -23,6 +23,10 @@ bool HostOptions::parse(const QStringList& arguments, QString* error)
 {
     for (int i = 1; i < arguments.size(); ++i) {
         const QString option = arguments.at(i);
+        if (option == QLatin1String("--help") || option == QLatin1String("-h")) {
+            help = true;
+            continue;
+        }
         if (option == QLatin1String("--summary") || option == QLatin1String("--gui")) {
             (option == QLatin1String("--gui") ? gui : summary) = true;
             continue;

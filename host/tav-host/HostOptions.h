@@ -13,6 +13,7 @@ struct HostOptions
     int logLevel = 2;
     int cancelAfterMs = -1;
     bool summary = false;
+    bool help = false;
     QString caFile;
     bool gui = false;
     QString screenshotPath;

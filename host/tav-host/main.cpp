@@ -136,6 +136,10 @@ int main(int argc, char** argv)
         arguments.append(QString::fromLocal8Bit(argv[i]));
     if (!options.parse(arguments, &error))
         return fail(64, error + QLatin1Char('\n') + HostOptions::usage());
+    if (options.help) {
+        std::fprintf(stdout, "%s\n", qUtf8Printable(HostOptions::usage()));
+        return 0;
+    }
     if (options.gui && !prepareGuiPlatform(options, &error))
         return fail(1, error);
     // The window needs a GUI application object, and it has to exist before anything else.
