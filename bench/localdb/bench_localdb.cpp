@@ -3,10 +3,15 @@
 #include "model/Product.h"
 
 #include <QDir>
+#include <QElapsedTimer>
+#include <QSettings>
 #include <QFile>
 #include <QProcess>
 #include <QTemporaryDir>
 #include <QtTest>
+
+#include <algorithm>
+#include <functional>
 
 using KepPlugin::LocalDataBaseManager;
 namespace Keys = KepPlugin::Keys;
@@ -62,6 +67,35 @@ int recordCount()
         + QDir(Keys::USER_DB_DIR).entryList({QStringLiteral("*.ini")}, QDir::Files).size();
 }
 
+// What a plain QSettings reader pays for the same files: the floor for reading records.
+int readWithQSettings()
+{
+    int read = 0;
+    for (const QString& dir : {Keys::USER_DB_DIR, Keys::SYSTEM_DB_DIR}) {
+        const QStringList names = QDir(dir).entryList({QStringLiteral("*.ini")}, QDir::Files, QDir::NoSort);
+        for (const QString& name : names) {
+            QSettings ini(dir + QLatin1Char('/') + name, QSettings::IniFormat);
+            for (const QString& key : Keys::REG_TOOL_FIELD_KEYS)
+                read += ini.value(key).toString().isEmpty() ? 0 : 1;
+        }
+    }
+    return read;
+}
+
+qint64 nsecsOf(const std::function<void()>& work)
+{
+    QElapsedTimer clock;
+    clock.start();
+    work();
+    return clock.nsecsElapsed();
+}
+
+double median(QVector<double> values)
+{
+    std::sort(values.begin(), values.end());
+    return values.at(values.size() / 2);
+}
+
 } // namespace
 
 // Reading the product databases and converting legacy products at realistic and large sizes.
@@ -73,6 +107,8 @@ private slots:
     void readRecords();
     void convertLegacy_data();
     void convertLegacy();
+    void versusQSettings_data();
+    void versusQSettings();
 };
 
 void BenchLocalDb::readRecords_data()
@@ -118,6 +154,57 @@ void BenchLocalDb::convertLegacy()
         }
     }
     QCOMPARE(recordCount(), count);
+}
+
+void BenchLocalDb::versusQSettings_data()
+{
+    QTest::addColumn<int>("records");
+    QTest::addColumn<int>("converted");
+    QTest::newRow("5000 records") << 5000 << 0;
+    QTest::newRow("repeated read, 1000 converted legacy products") << 0 << 1000;
+}
+
+// Ours and the plain reader alternate, so that a noisy machine slows both alike; the line
+// printed is the median ratio with its spread.
+void BenchLocalDb::versusQSettings()
+{
+    QFETCH(int, records);
+    QFETCH(int, converted);
+    if (converted > 0) {
+        layLegacy(converted);
+        LocalDataBaseManager first;
+        first.findRegisteredProducts();
+        QCOMPARE(first.productList().size(), converted);
+    } else {
+        layRecords(records);
+    }
+    const int expected = records + converted;
+    QVector<double> ratios;
+    QVector<double> oursMs;
+    QVector<double> plainMs;
+    for (int round = 0; round < 7; ++round) {
+        int listed = 0;
+        const auto ours = [&listed] {
+            LocalDataBaseManager manager;
+            manager.findRegisteredProducts();
+            listed = manager.productList().size();
+        };
+        int plainRead = 0;
+        const auto plain = [&plainRead] { plainRead = readWithQSettings(); };
+        const bool oursFirst = round % 2 == 1;
+        const qint64 a = nsecsOf(oursFirst ? std::function<void()>(ours) : plain);
+        const qint64 b = nsecsOf(oursFirst ? std::function<void()>(plain) : ours);
+        QCOMPARE(listed, expected);
+        QVERIFY(plainRead >= expected);
+        const double oursNs = oursFirst ? a : b;
+        const double plainNs = oursFirst ? b : a;
+        ratios.append(oursNs / plainNs);
+        oursMs.append(oursNs / 1e6);
+        plainMs.append(plainNs / 1e6);
+    }
+    qInfo("COMPARE %s: ours %.1f ms, QSettings %.1f ms, ratio %.2f (%.2f .. %.2f)", QTest::currentDataTag(),
+          median(oursMs), median(plainMs), median(ratios), *std::min_element(ratios.begin(), ratios.end()),
+          *std::max_element(ratios.begin(), ratios.end()));
 }
 
 int main(int argc, char** argv)

@@ -4,6 +4,8 @@
 #include <QDir>
 #include <QFile>
 #include <QFileInfo>
+#include <QMutex>
+#include <QMutexLocker>
 #include <QSettings>
 #include <QString>
 #include <QStringList>
@@ -12,6 +14,10 @@
 #include <cerrno>
 #include <cstdio>
 #include <cstdlib>
+
+#include <sys/mman.h>
+#include <sys/stat.h>
+#include <unistd.h>
 
 namespace {
 
@@ -67,6 +73,27 @@ bool looksLikeIni(const QByteArray& bytes)
     return true;
 }
 
+// QSettings keeps parsed files by name and trusts an unchanged size and millisecond time
+// stamp, so a record rewritten within one millisecond would read stale: each load parses a
+// private copy. A fresh temporary file per record cost more than the parse (inode allocation),
+// so the copy goes to one in-memory file, stamped with a time of its own that makes QSettings
+// read it again.
+QMutex scratchMutex_;
+
+QString scratchCopy(const QByteArray& bytes)
+{
+    static const int fd = memfd_create("regtool-record", MFD_CLOEXEC);
+    static const QString path = QStringLiteral("/proc/self/fd/%1").arg(fd);
+    static const bool usable = fd >= 0 && QFileInfo::exists(path);
+    static qint64 stamp = 0;
+    if (!usable || ftruncate(fd, 0) != 0
+        || pwrite(fd, bytes.constData(), size_t(bytes.size()), 0) != qint64(bytes.size()))
+        return QString();
+    ++stamp;
+    const timespec times[2] = {{0, UTIME_OMIT}, {time_t(1000000000 + stamp / 1000), long(stamp % 1000) * 1000000}};
+    return futimens(fd, times) == 0 ? path : QString();
+}
+
 QString valueText(const QVariant& value)
 {
     // An unquoted comma makes QSettings split the text; a record means it as one value.
@@ -112,11 +139,14 @@ bool ProductRecord::load()
     if (file.error() != QFileDevice::NoError || !looksLikeIni(bytes))
         return false;
     file.close();
-    // QSettings keeps parsed files by name and trusts an unchanged size and millisecond time
-    // stamp, so a record rewritten within one millisecond would read stale: parse a private copy.
+    QMutexLocker lock(&scratchMutex_);
+    QString source = scratchCopy(bytes);
     QTemporaryFile copy(QDir::tempPath() + QStringLiteral("/regtool-record.XXXXXX"));
-    const bool copied = copy.open() && copy.write(bytes) == bytes.size() && copy.flush();
-    QSettings ini(copied ? copy.fileName() : file.fileName(), QSettings::IniFormat);
+    if (source.isEmpty()) {
+        const bool copied = copy.open() && copy.write(bytes) == bytes.size() && copy.flush();
+        source = copied ? copy.fileName() : file.fileName();
+    }
+    QSettings ini(source, QSettings::IniFormat);
     // Raw UTF-8 from other writers reads right; Qt's own escapes read the same either way.
     ini.setIniCodec("UTF-8");
     if (ini.status() != QSettings::NoError)
