@@ -21,4 +21,16 @@ QMap<QString, QString> readRecord(bool peruser, const QString& guid);
 // Refuses to run against anything but a temporary database.
 bool isolated();
 
+// Whole files; writeFile creates the parent directories.
+QByteArray readFile(const QString& path);
+bool writeFile(const QString& path, const QByteArray& bytes);
+// Every entry of a directory, hidden ones too, sorted.
+QStringList entries(const QString& dir);
+// Inode, time and content of every file below the directories: equal snapshots mean nothing was written.
+QMap<QString, QString> snapshot(const QStringList& dirs);
+
+// A previous-generation product: DIR/NAME.properties, and NAME.pf unless profile is null.
+void writeLegacy(const QString& dir, const QString& name, const QByteArray& properties, const QByteArray& profile);
+QByteArray profileXml(const QMap<QString, QString>& data);
+
 } // namespace TestDb

@@ -1,4 +1,4 @@
-#include "HelperProcess.h"
+#include "TestDb.h"
 #include "tavcore/SettingsManager.h"
 
 #include <QTemporaryDir>
@@ -6,135 +6,58 @@
 
 using TavCoreShared::TavSettings::SettingsManager;
 
-// The host's settings: which source wins, and which files are refused.
+// The host's settings: which source wins, what is refused, and no defaults.
 class TestSettingsManager : public QObject
 {
     Q_OBJECT
 private slots:
-    void init();
-    void cleanup();
-    void precedence_data();
-    void precedence();
-    void refusedFile_data();
-    void refusedFile();
-    void unreadableFile();
-
-private:
-    QString writeFile(const QString& name, const QByteArray& bytes);
-    QScopedPointer<QTemporaryDir> dir_;
+    void precedence_data()
+    {
+        QTest::addColumn<QStringList>("files"); // loaded in order; <dir> and <missing> stand for such paths
+        QTest::addColumn<int>("refused");       // index of the file that must be refused, or -1
+        QTest::addColumn<QString>("override");  // set by the host program before the files; null: none
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("expected"); // null: invalid variant
+        const QString url1 = "KepWebServiceUrl=http://127.0.0.1:1/\n", url2 = "KepWebServiceUrl=http://127.0.0.1:2/\n";
+        const QString url = QStringLiteral("KepWebServiceUrl");
+        QTest::newRow("later file wins") << QStringList{url1, url2} << -1 << QString() << url << "http://127.0.0.1:2/";
+        QTest::newRow("earlier file keeps what the later lacks")
+            << QStringList{url1 + "ShowTestUpdates=1\n", url2} << -1 << QString() << "ShowTestUpdates" << "1";
+        QTest::newRow("override wins over files") << QStringList{url1} << -1 << "http://127.0.0.1:3/" << url
+                                                  << "http://127.0.0.1:3/";
+        QTest::newRow("no default") << QStringList{url1} << -1 << "x" << "ShowTestUpdates" << QString();
+        QTest::newRow("case-sensitive keys") << QStringList{url1} << -1 << QString() << "kepwebserviceurl" << QString();
+        QTest::newRow("broken file adds nothing")
+            << QStringList{url1, "[Kep\n" + url2 + "ShowTestUpdates=1\n"} << 1 << QString() << url
+            << "http://127.0.0.1:1/";
+        QTest::newRow("directory") << QStringList{"<dir>"} << 0 << QString() << url << QString();
+        QTest::newRow("missing file") << QStringList{"<missing>"} << 0 << QString() << url << QString();
+    }
+    void precedence()
+    {
+        QFETCH(QStringList, files);
+        QFETCH(int, refused);
+        QFETCH(QString, override);
+        QFETCH(QString, key);
+        QFETCH(QString, expected);
+        QTemporaryDir dir;
+        SettingsManager* settings = SettingsManager::instance();
+        settings->clear();
+        if (!override.isNull())
+            settings->setProperty(QStringLiteral("KepWebServiceUrl"), override);
+        for (int i = 0; i < files.size(); ++i) {
+            const QString path = dir.filePath(QString::number(i));
+            if (files[i] == QLatin1String("<dir>"))
+                QVERIFY(QDir().mkdir(path));
+            else if (files[i] != QLatin1String("<missing>"))
+                QVERIFY(TestDb::writeFile(path, files[i].toUtf8()));
+            QCOMPARE(settings->loadFile(path), i != refused);
+        }
+        const QVariant value = settings->getProperty(key);
+        QCOMPARE(value.isValid(), !expected.isNull());
+        QCOMPARE(value.toString(), expected.isNull() ? QString() : expected);
+    }
 };
-
-void TestSettingsManager::init()
-{
-    dir_.reset(new QTemporaryDir);
-    QVERIFY(dir_->isValid());
-    SettingsManager::instance()->clear();
-}
-
-void TestSettingsManager::cleanup()
-{
-    SettingsManager::instance()->clear();
-}
-
-QString TestSettingsManager::writeFile(const QString& name, const QByteArray& bytes)
-{
-    QFile file(dir_->filePath(name));
-    if (!file.open(QIODevice::WriteOnly) || file.write(bytes) != bytes.size())
-        qFatal("cannot write %s", qPrintable(file.fileName()));
-    return file.fileName();
-}
-
-void TestSettingsManager::precedence_data()
-{
-    QTest::addColumn<QList<QByteArray>>("files");       // loaded in this order
-    QTest::addColumn<QVariantMap>("overrides");          // set by the host program
-    QTest::addColumn<bool>("overridesFirst");            // set before the files are loaded
-    QTest::addColumn<QString>("key");
-    QTest::addColumn<QVariant>("expected");
-    const QByteArray url1 = "KepWebServiceUrl=http://127.0.0.1:1/one\n";
-    const QByteArray url2 = "KepWebServiceUrl=http://127.0.0.1:2/two\n";
-    const QVariantMap override{{QStringLiteral("KepWebServiceUrl"), QStringLiteral("http://127.0.0.1:3/set")}};
-    QTest::newRow("from a file") << QList<QByteArray>{url1} << QVariantMap() << false << "KepWebServiceUrl"
-                                 << QVariant(QStringLiteral("http://127.0.0.1:1/one"));
-    QTest::newRow("later file wins") << QList<QByteArray>{url1, url2} << QVariantMap() << false << "KepWebServiceUrl"
-                                     << QVariant(QStringLiteral("http://127.0.0.1:2/two"));
-    QTest::newRow("earlier file keeps what the later lacks")
-        << QList<QByteArray>{url1 + "ShowTestUpdates=1\n", url2} << QVariantMap() << false << "ShowTestUpdates"
-        << QVariant(QStringLiteral("1"));
-    QTest::newRow("override wins over files") << QList<QByteArray>{url1} << override << false << "KepWebServiceUrl"
-                                              << QVariant(QStringLiteral("http://127.0.0.1:3/set"));
-    QTest::newRow("override set before loading still wins")
-        << QList<QByteArray>{url1} << override << true << "KepWebServiceUrl"
-        << QVariant(QStringLiteral("http://127.0.0.1:3/set"));
-    QTest::newRow("no default for the service url") << QList<QByteArray>{} << QVariantMap() << false
-                                                    << "KepWebServiceUrl" << QVariant();
-    QTest::newRow("no default for test updates") << QList<QByteArray>{url1} << override << false
-                                                 << "ShowTestUpdates" << QVariant();
-    QTest::newRow("keys are case-sensitive") << QList<QByteArray>{url1} << QVariantMap() << false
-                                             << "kepwebserviceurl" << QVariant();
-}
-
-void TestSettingsManager::precedence()
-{
-    QFETCH(QList<QByteArray>, files);
-    QFETCH(QVariantMap, overrides);
-    QFETCH(bool, overridesFirst);
-    QFETCH(QString, key);
-    QFETCH(QVariant, expected);
-    SettingsManager* settings = SettingsManager::instance();
-    const auto setOverrides = [&] {
-        for (auto it = overrides.cbegin(); it != overrides.cend(); ++it)
-            settings->setProperty(it.key(), it.value());
-    };
-    if (overridesFirst)
-        setOverrides();
-    for (int i = 0; i < files.size(); ++i)
-        QVERIFY(settings->loadFile(writeFile(QStringLiteral("%1.conf").arg(i), files[i])));
-    if (!overridesFirst)
-        setOverrides();
-    const QVariant value = settings->getProperty(key);
-    QCOMPARE(value.isValid(), expected.isValid());
-    QCOMPARE(value.toString(), expected.toString());
-}
-
-void TestSettingsManager::refusedFile_data()
-{
-    QTest::addColumn<QString>("name");
-    QTest::newRow("missing") << "missing.conf";
-    QTest::newRow("directory") << "dir.conf";
-    QTest::newRow("unclosed section") << "broken.conf";
-}
-
-void TestSettingsManager::refusedFile()
-{
-    QFETCH(QString, name);
-    SettingsManager* settings = SettingsManager::instance();
-    QVERIFY(settings->loadFile(writeFile(QStringLiteral("good.conf"), "KepWebServiceUrl=http://127.0.0.1/\n")));
-    QVERIFY(QDir(dir_->path()).mkdir(QStringLiteral("dir.conf")));
-    writeFile(QStringLiteral("broken.conf"), "[Kep\nKepWebServiceUrl=http://127.0.0.1/broken\nShowTestUpdates=1\n");
-    QVERIFY(!settings->loadFile(dir_->filePath(name)));
-    // Nothing of a refused file gets in.
-    QCOMPARE(settings->getProperty(QStringLiteral("KepWebServiceUrl")).toString(),
-             QStringLiteral("http://127.0.0.1/"));
-    QVERIFY(!settings->getProperty(QStringLiteral("ShowTestUpdates")).isValid());
-}
-
-void TestSettingsManager::unreadableFile()
-{
-    REQUIRE_UNPRIVILEGED_HELPER();
-    HelperProcess::openToOthers(dir_->path());
-    const QString readable = writeFile(QStringLiteral("readable.conf"), "ShowTestUpdates=1\n");
-    const QString unreadable = writeFile(QStringLiteral("unreadable.conf"), "ShowTestUpdates=1\n");
-    QVERIFY(QFile::setPermissions(readable, QFile::ReadOwner | QFile::ReadGroup | QFile::ReadOther));
-    QVERIFY(QFile::setPermissions(unreadable, QFile::Permissions()));
-    const auto load = [](const QString& file) {
-        return HelperProcess::run({QStringLiteral("settings-load"), file}, QProcessEnvironment::systemEnvironment(),
-                                  true)
-            .output;
-    };
-    QCOMPARE(load(readable), QStringLiteral("load=1\n"));
-    QCOMPARE(load(unreadable), QStringLiteral("load=0\n"));
-}
 
 QTEST_GUILESS_MAIN(TestSettingsManager)
 #include "tst_settingsmanager.moc"

@@ -1,423 +1,393 @@
-#include "LocalDbFixture.h"
+#include "ChildRun.h"
 #include "LogCapture.h"
 #include "TestDb.h"
 #include "localdb/LocalDataBaseManager.h"
 #include "model/Product.h"
+#include "tavcore/Logger.h"
 
 #include <QPointer>
 #include <QTemporaryDir>
 #include <QtTest>
 
+#include <unistd.h>
 
-using namespace LocalDbFixture;
+using namespace TestDb;
 using KepPlugin::LocalDataBaseManager;
-using KepPlugin::Product;
+using Record = QMap<QString, QString>;
 
 namespace {
 
-const QString readPrefix = QStringLiteral("LocalDataBaseManager::readProductsDb: ");
-
-QString readLine(int level, const QString& text)
+QString q(const QString& text)
 {
-    return QString::number(level) + QLatin1Char(' ') + readPrefix + text;
+    return QLatin1Char('"') + text + QLatin1Char('"');
 }
 
-QString foundLine(const QString& entry)
+// "N LocalDataBaseManager::METHOD: TEXT"; METHOD "" gives the reader's own lines.
+QString line(int level, const QString& text, const QString& method = QStringLiteral("readProductsDb"))
 {
-    return readLine(0, QStringLiteral("found product =  ") + quoted(entry));
+    return QStringLiteral("%1 LocalDataBaseManager::%2: %3").arg(level).arg(method, text);
 }
 
-QString unreadableLine(const QString& guid)
+QString found(const QString& entry) { return line(0, "found product =  " + q(entry)); }
+QString unreadable(const QString& guid) { return line(2, "cannot read product record:  " + q(guid)); }
+QString header(bool peruser, const QString& dir) { return line(0, QStringLiteral("peruser= %1 ; db path= ").arg(peruser ? "true" : "false") + q(dir)); }
+QString convertHeader(const QString& dir) { return line(0, "trying to find and convert FNC db from TAV 1.0: path =  " + q(dir), "convertRegDb"); }
+QString entry(int level, const QString& text) { return line(level, text, "convertFncProductEntry"); }
+const QString skip = line(0, "skip product since it has been already added");
+const QString check = line(0, "check if product has been auto-uninstalled");
+const QString on = line(0, "AUTOUNINSTALL flag is ON, removing db file");
+const QString off = line(0, "AUTOUNINSTALL flag is OFF, continuing");
+const QString cannotRemove = line(2, "cannot remove db file");
+const QString convertDone = line(0, "convertation of all products in this location is done", "convertRegDb");
+const QString completed = entry(0, "product convertation completed!");
+const QString unchanged = entry(1, "skip convertation since legacy updateId is not changed");
+
+// "u/NAME" or "s/NAME" then '|' and the bytes of the file in the user's or the system's database.
+void lay(const QStringList& files)
 {
-    return readLine(2, QStringLiteral("cannot read product record:  ") + quoted(guid));
+    for (const QString& file : files)
+        QVERIFY(writeFile(dir(file.startsWith('u')) + file.mid(1).section('|', 0, 0), file.section('|', 1).toUtf8()));
 }
 
-const QString skipLine = readLine(0, QStringLiteral("skip product since it has been already added"));
-const QString checkLine = readLine(0, QStringLiteral("check if product has been auto-uninstalled"));
-const QString onLine = readLine(0, QStringLiteral("AUTOUNINSTALL flag is ON, removing db file"));
-const QString offLine = readLine(0, QStringLiteral("AUTOUNINSTALL flag is OFF, continuing"));
-const QString cannotRemoveLine = readLine(2, QStringLiteral("cannot remove db file"));
-
-QString headerLine(bool peruser, const QString& path)
+QStringList namesByGuid(const QList<KepPlugin::Product*>& products)
 {
-    return readLine(0, QStringLiteral("peruser= %1 ; db path= %2")
-                           .arg(peruser ? QStringLiteral("true") : QStringLiteral("false"), quoted(path)));
-}
-
-QString convertHeader(const QString& path)
-{
-    return QStringLiteral("0 LocalDataBaseManager::convertRegDb: trying to find and convert FNC db from TAV 1.0: "
-                          "path =  ")
-        + quoted(path);
-}
-
-const QString convertDone =
-    QStringLiteral("0 LocalDataBaseManager::convertRegDb: convertation of all products in this location is done");
-
-QVariantMap named(const QString& name, const QVariantMap& more = {})
-{
-    QVariantMap values = more;
-    values.insert(QStringLiteral("ProductName"), name);
-    return values;
+    QStringList names;
+    for (const KepPlugin::Product* product : products)
+        names << product->guid() + '=' + product->getDataByKey(QStringLiteral("ProductName"));
+    names.sort();
+    return names;
 }
 
 } // namespace
 
-// Reading the two product databases into products, and writing values back.
+// Reading the two product databases into products, converting legacy records, writing values back.
 class TestLocalDataBaseManager : public QObject
 {
     Q_OBJECT
-private slots:
-    void initTestCase();
-    void init();
-    void cleanup();
-
-    void reads_data();
-    void reads();
-    void oneRecordLogsEveryStep();
-    void logLevelFiltersLines_data();
-    void logLevelFiltersLines();
-    void copiesOnlyTheFieldKeys();
-    void autoUninstallDeletesTheGuidInTheWorkingDirectory();
-    void clearDataDeletesAndForgets();
-    void findAppendsWithoutClearing();
-    void productChangeReachesTheRecord();
-    void homeUnsetSkipsTheUserDatabase();
-    void unprivilegedUser_data();
-    void unprivilegedUser();
+public:
+    // Reads the databases at log level 0, prints one guid a line, then sets GUID's KEY to VALUE.
+    static int child(const QStringList& args)
+    {
+        TavCoreShared::TavLogger::Logger::instance()->setLogLevel(0);
+        LocalDataBaseManager manager;
+        manager.findRegisteredProducts();
+        for (const KepPlugin::Product* product : manager.productList())
+            printf("%s\n", qPrintable(product->guid()));
+        if (args.size() == 3 && manager.getProductByGuid(args[0]))
+            manager.getProductByGuid(args[0])->setDataByKey(args[1], args[2]);
+        return 0;
+    }
 
 private:
-    QTemporaryDir* workDir_ = nullptr;
+    QScopedPointer<QTemporaryDir> work_;
     QString previousDir_;
+
+private slots:
+    void init()
+    {
+        QVERIFY2(isolated(), "run through CTest, which gives the suite a temporary HOME and system database");
+        if (QFileInfo(systemDir()).isFile())
+            QFile::remove(systemDir());
+        reset();
+        // An empty working directory: nothing may be read from or deleted in the real one.
+        work_.reset(new QTemporaryDir);
+        previousDir_ = QDir::currentPath();
+        QVERIFY(QDir::setCurrent(work_->path()));
+    }
+    void cleanup() { QDir::setCurrent(previousDir_); }
+    void reads_data()
+    {
+        QTest::addColumn<QStringList>("files");
+        QTest::addColumn<QStringList>("products");
+        QTest::addColumn<QStringList>("present");
+        QTest::addColumn<QStringList>("absent");
+        QTest::newRow("user record wins over the system one")
+            << QStringList{"u/dup.ini|ProductName=user", "s/dup.ini|ProductName=system", "s/s.ini|ProductName=S"}
+            << QStringList{"dup=user", "s=S"} << QStringList{found("dup.ini"), skip, off} << QStringList{};
+        QTest::newRow("upper-case suffix is no record")
+            << QStringList{"s/A.INI|ProductName=A", "s/b.ini|ProductName=B", "s/x.ini.bak|", "s/x.PROPERTIES|ProductCode=X"}
+            << QStringList{"b=B"} << QStringList{found("b.ini")} << QStringList{found("A.INI"), found("x.ini.bak")};
+        QTest::newRow("every .ini is removed from the name")
+            << QStringList{"s/a.ini.ini|ProductName=twice", "s/a.ini|ProductName=once", "s/c.ini.ini|ProductName=C"}
+            << QStringList{"a=once"} << QStringList{found("a.ini.ini"), found("c.ini.ini"), skip, unreadable("c")}
+            << QStringList{};
+        QTest::newRow("auto-uninstalled record is dropped, even when its deletion fails")
+            << QStringList{"s/gone.ini|ProductName=G\nAutoUninstallMode=1", "u/kept.ini|ProductName=K\nAutoUninstallMode=01",
+                           "u/k2.ini|ProductName=K2\nAutoUninstallMode=true"}
+            << QStringList{"k2=K2", "kept=K"} << QStringList{check, on, cannotRemove, off} << QStringList{};
+        QTest::newRow("broken record is skipped, the others read")
+            << QStringList{"u/broken.ini|[broken\nProductName=B", "u/fine.ini|ProductName=Fine"}
+            << QStringList{"fine=Fine"} << QStringList{unreadable("broken")} << QStringList{};
+        QTest::newRow("spaces and non-ASCII letters")
+            << QStringList{QStringLiteral("u/Ünï Stüdio 2024.ini|ProductName=Ünï")} << QStringList{QStringLiteral("Ünï Stüdio 2024=Ünï")}
+            << QStringList{found(QStringLiteral("Ünï Stüdio 2024.ini"))} << QStringList{};
+        QTest::newRow("system location is a regular file")
+            << QStringList{"u/u.ini|ProductName=U"} << QStringList{"u=U"} << QStringList{header(false, systemDir())}
+            << QStringList{};
+    }
+    void reads()
+    {
+        QFETCH(QStringList, files);
+        QFETCH(QStringList, products);
+        QFETCH(QStringList, present);
+        QFETCH(QStringList, absent);
+        lay(files);
+        if (QTest::currentDataTag() == QLatin1String("system location is a regular file"))
+            QVERIFY(QDir(systemDir()).removeRecursively() && writeFile(systemDir(), "not a directory"));
+        const Record before = snapshot({userDir(), systemDir()});
+        LogCapture log(0);
+        LocalDataBaseManager manager;
+        manager.findRegisteredProducts();
+        QCOMPARE(namesByGuid(manager.productList()), products);
+        for (const QString& wanted : present)
+            QVERIFY2(log.contains(wanted), qPrintable(wanted + "\nin:\n" + log.lines().join('\n')));
+        for (const QString& unwanted : absent)
+            QVERIFY2(!log.contains(unwanted), qPrintable(unwanted));
+        QCOMPARE(snapshot({userDir(), systemDir()}), before); // reading never writes
+    }
+    void logLevels_data()
+    {
+        QTest::addColumn<int>("level");
+        for (int level : {0, 1, 2, 3})
+            QTest::addRow("logger level %d", level) << level;
+    }
+    // One entry per location keeps the order independent of the file system.
+    void logLevels()
+    {
+        QFETCH(int, level);
+        lay({"u/gone.ini|ProductName=G\nAutoUninstallMode=1", "s/bad.ini|[bad\n"});
+        QStringList expected;
+        for (const QString& wanted : {convertHeader(userDir()), convertDone, convertHeader(systemDir()), convertDone,
+                                      header(true, userDir()), found("gone.ini"), check, on, cannotRemove,
+                                      header(false, systemDir()), found("bad.ini"), unreadable("bad")})
+            if (wanted.at(0).digitValue() >= level)
+                expected << wanted;
+        LogCapture log(level);
+        LocalDataBaseManager manager;
+        manager.findRegisteredProducts();
+        QCOMPARE(log.lines(), expected);
+        QVERIFY(manager.productList().isEmpty());
+    }
+    void productsAndClear()
+    {
+        lay({"u/full.ini|ProductName=S\nProductVersion=3\nMediaID=M\nProductID=P\nUpdateID=U\nOwnerProductCode=O\n"
+             "AutoUninstallMode=0\nRecordMigrated=1\nCommandLineInstallFullImage=i.sh\nproductname=lower"});
+        LocalDataBaseManager manager;
+        manager.findRegisteredProducts();
+        QPointer<KepPlugin::Product> product = manager.getProductByGuid(QStringLiteral("full"));
+        QVERIFY(product);
+        QStringList values;
+        for (const char* key : {"ProductName", "ProductVersion", "MediaID", "ProductID", "UpdateID", "OwnerProductCode",
+                                   "AutoUninstallMode", "RecordMigrated", "CommandLineInstallFullImage", "productname"})
+            values << product->getDataByKey(key);
+        QCOMPARE(values, (QStringList{"S", "3", "M", "P", "U", "O", "0", "1", "", ""}));
+        lay({"s/b.ini|ProductName=B"});
+        manager.findRegisteredProducts(); // appends without clearing
+        QCOMPARE(manager.productList().first(), product.data());
+        QCOMPARE(namesByGuid(manager.productList()), (QStringList{"b=B", "full=S"}));
+        manager.clearData();
+        QVERIFY(manager.productList().isEmpty() && !manager.getProductByGuid(QStringLiteral("full")) && product.isNull());
+    }
+    // The bare guid, relative to the working directory, is what gets removed; the record stays.
+    void autoUninstallRemovesTheGuidInTheWorkingDirectory()
+    {
+        lay({"s/victim.ini|ProductName=V\nAutoUninstallMode=1"});
+        QVERIFY(writeFile(QDir::current().filePath(QStringLiteral("victim")), "named like the guid"));
+        LogCapture log(0);
+        LocalDataBaseManager manager;
+        manager.findRegisteredProducts();
+        QVERIFY(manager.productList().isEmpty() && log.contains(on) && !log.contains(cannotRemove));
+        QVERIFY(!QFile::exists(QStringLiteral("victim")) && QFile::exists(systemDir() + "/victim.ini"));
+    }
+    void convert_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QByteArray>("properties"); // null: no such file
+        QTest::addColumn<QByteArray>("profile");    // null: no .pf file
+        QTest::addColumn<QByteArray>("existing");   // null: no current record
+        QTest::addColumn<bool>("result");
+        QTest::addColumn<QString>("expected"); // the system record G1.ini afterwards, sorted key=value; "": none
+        QTest::addColumn<QStringList>("lines"); // after "converting"; <F>: the profile file
+        const QByteArray studio = "ProductCode=G1\nProductName=Studio Pro\nVersion=3.1\n", none;
+        const QByteArray profile = profileXml({{"MediaID", "M1"}, {"ProductID", "P1"}, {"UpdateID", "U1"}});
+        const QString full = "MediaID=M1 ProductID=P1 ProductName=Studio Pro ProductVersion=3.1 RecordMigrated=1 UpdateID=U1";
+        const QString noIds = "MediaID= ProductID= ProductName=Studio Pro ProductVersion=3.1 RecordMigrated=1 UpdateID=";
+        const QString failed = QStringLiteral("2 LocalDataBaseManager: openXML: ERROR: failed to read:  \"<F>\"");
+        QTest::newRow("new product is registered") << "l" << studio << profile << none << true << full << QStringList{completed};
+        QTest::newRow("changed update id is refreshed, not registered again")
+            << "l" << studio << profile << QByteArray("ProductName=Old\nUpdateID=U0\n") << false
+            << "ProductName=Old UpdateID=U1" << QStringList{entry(0, "legacy updateId was updated, set it in new db")};
+        QTest::newRow("unchanged update id is skipped") << "l" << studio << profile << QByteArray("UpdateID=U1\n") << false
+                                                        << "UpdateID=U1" << QStringList{unchanged};
+        QTest::newRow("empty legacy update id registers again")
+            << "l" << studio << profileXml({{"MediaID", "M1"}, {"ProductID", "P1"}}) << QByteArray("UpdateID=U0\nKeep=me\n")
+            << true << "Keep=me " + QString(full).replace("U1", "") << QStringList{completed};
+        QTest::newRow("record that will not load is registered again")
+            << "l" << studio << profile << QByteArray("[broken\nUpdateID=U1\n") << true << full << QStringList{completed};
+        QTest::newRow("no profile: empty ids")
+            << "l" << studio << none << none << true << noIds
+            << QStringList{"2 LocalDataBaseManager: openXML: cannot open file for reading:  \"<F>\"", completed};
+        QTest::newRow("profile is not XML")
+            << "l" << studio << QByteArray("MediaID=M1\n") << none << true << noIds
+            << QStringList{failed, "2 Error message:  \"error occurred while parsing element\"", "2 Line:  1 ; Column:  1", completed};
+        QTest::newRow("profile cut short")
+            << "l" << studio << QByteArray("<profiles><profile><data id=\"MediaID\" value=\"M1\"/>") << none << true << noIds
+            << QStringList{failed, "2 Error message:  \"unexpected end of file\"", "2 Line:  1 ; Column:  51", completed};
+        QTest::newRow("first profile only, later data wins, other elements ignored")
+            << "l" << studio << QByteArray("<profiles><x><data id=\"ProductID\" value=\"X\"/></x><profile><data id=\"MediaID\" "
+                                           "value=\"old\"/><item id=\"ProductID\" value=\"Y\"/><data id=\"MediaID\" value=\"M1\"/>"
+                                           "<data id=\"ProductID\" value=\"P1\"/><data id=\"UpdateID\" value=\"U1\"/></profile>"
+                                           "<profile><data id=\"UpdateID\" value=\"2nd\"/></profile></profiles>")
+            << none << true << full << QStringList{completed};
+        QTest::newRow("every .properties in the name becomes .pf")
+            << "g.properties" << studio << profile << none << true << full << QStringList{completed};
+        QTest::newRow("no product code") << "l" << QByteArray("ProductName=S\n") << profile << none << false << ""
+                                         << QStringList{entry(2, "found guid is not valid:  \"\"")};
+        QTest::newRow("missing file") << "l" << none << none << none << false << ""
+                                      << QStringList{entry(2, "file isn't exist  \"" + userDir() + "/l.properties\"")};
+        QTest::newRow("non-ASCII name and version")
+            << "l" << QByteArray("ProductCode=G1\nProductName=Gr\\x00fcne\nVersion=3.1 \\x03b2\n") << profile << none << true
+            << QStringLiteral("MediaID=M1 ProductID=P1 ProductName=Grüne ProductVersion=3.1 β RecordMigrated=1 UpdateID=U1")
+            << QStringList{completed};
+    }
+    void convert()
+    {
+        QFETCH(QString, name);
+        QFETCH(QByteArray, properties);
+        QFETCH(QByteArray, profile);
+        QFETCH(QByteArray, existing);
+        QFETCH(bool, result);
+        QFETCH(QString, expected);
+        QFETCH(QStringList, lines);
+        const QString file = userDir() + '/' + name + ".properties";
+        if (!properties.isNull())
+            writeLegacy(userDir(), name, properties, profile);
+        if (!existing.isNull())
+            QVERIFY(writeFile(systemDir() + "/G1.ini", existing));
+        const Record legacy = snapshot({userDir()});
+        LogCapture log(0);
+        LocalDataBaseManager manager;
+        QCOMPARE(manager.convertFncProductEntry(file, false), result);
+        lines.replaceInStrings("<F>", QString(file).replace(".properties", ".pf")).prepend(entry(0, "converting  " + q(file)));
+        QCOMPARE(log.lines(), lines);
+        QStringList record;
+        const Record values = readRecord(false, QStringLiteral("G1"));
+        for (auto it = values.cbegin(); it != values.cend(); ++it)
+            record << it.key() + '=' + it.value();
+        QCOMPARE(record.join(' '), expected);
+        QCOMPARE(snapshot({userDir()}), legacy); // legacy files are only read
+    }
+    // root registers what it finds in both locations in the system database, and writes there.
+    void rootBranch()
+    {
+        if (::geteuid() != 0)
+            QSKIP("the root branch needs a root process; the other one runs in unprivilegedBranch");
+        writeLegacy(userDir(), "mine", "ProductCode=U-G\nProductName=Mine\n", profileXml({}));
+        writeLegacy(systemDir(), "shared", "ProductCode=S-G\nProductName=Shared\n", QByteArray());
+        lay({"s/loud.PROPERTIES|ProductCode=LOUD", "u/u1.ini|ProductName=U1\nUpdateID=1"});
+        LogCapture log(0);
+        LocalDataBaseManager manager;
+        manager.convertRegDb(userDir());
+        const QString file = userDir() + "/mine.properties";
+        QCOMPARE(log.lines(), (QStringList{convertHeader(userDir()), line(0, "found TAV 1.0 property file:  " + q(file), "convertRegDb"),
+                                           entry(0, "converting  " + q(file)), completed, convertDone}));
+        manager.findRegisteredProducts();
+        QCOMPARE(namesByGuid(manager.productList()), (QStringList{"S-G=Shared", "U-G=Mine", "u1=U1"}));
+        QCOMPARE(entries(systemDir()), (QStringList{"S-G.ini", "U-G.ini", "loud.PROPERTIES", "shared.properties"}));
+        manager.getProductByGuid("u1")->setDataByKey("UpdateID", QStringLiteral("Ü-2"));
+        QCOMPARE(readRecord(false, "u1"), (Record{{"UpdateID", QStringLiteral("Ü-2")}}));
+        QCOMPARE(readRecord(true, "u1").value("UpdateID"), QStringLiteral("1"));
+    }
+    void repeatedReadsWriteNothingNew_data()
+    {
+        QTest::addColumn<bool>("withoutUpdateId");
+        QTest::newRow("settled database") << false;
+        QTest::newRow("legacy product without update id") << true; // registered again each time: same content
+    }
+    void repeatedReadsWriteNothingNew()
+    {
+        QFETCH(bool, withoutUpdateId);
+        writeLegacy(userDir(), "a", "ProductCode=A\nProductName=A\n", profileXml({{"MediaID", "MA"}, {"UpdateID", "1"}}));
+        writeLegacy(systemDir(), "b", "ProductCode=B\nProductName=B\n", profileXml({{"MediaID", "MB"}, {"UpdateID", "2"}}));
+        lay({"u/C.ini|ProductName=C\nUpdateID=3"});
+        if (withoutUpdateId)
+            writeLegacy(systemDir(), "d", "ProductCode=D\nProductName=D\n", QByteArray());
+        Record settled;
+        for (int round = 1; round <= 3; ++round) {
+            LogCapture log(1);
+            LocalDataBaseManager manager;
+            manager.findRegisteredProducts();
+            QCOMPARE(namesByGuid(manager.productList()).join(' '), withoutUpdateId ? "A=A B=B C=C D=D" : "A=A B=B C=C");
+            Record files = snapshot({userDir(), systemDir()});
+            if (withoutUpdateId) // content (the hash) only: the record is rewritten
+                files[systemDir() + "/D.ini"] = files[systemDir() + "/D.ini"].section(' ', 2);
+            QCOMPARE(log.lines().count(unchanged), round == 1 ? 0 : 2);
+            if (round > 1)
+                QCOMPARE(files, settled);
+            settled = files;
+        }
+    }
+    void homeUnset()
+    {
+        lay({"s/sys.ini|ProductName=Sys"});
+        // Traps in the working directory: reading it as the user database would list or convert them.
+        QVERIFY(writeFile("trap.ini", "ProductName=Trap\n") && writeFile("trap.properties", "ProductCode=trapped\n"));
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.remove(QStringLiteral("HOME"));
+        const ChildRun run({}, env, false, QDir::currentPath());
+        QVERIFY(!run.crashed && run.exitCode == 0);
+        QCOMPARE(run.out, QStringList{"sys"});
+        QVERIFY2(run.err.contains(convertHeader(QString())) && run.err.contains(header(true, QString())), qPrintable(run.err.join('\n')));
+        QVERIFY(run.err.filter("trap").isEmpty() && !QFile::exists(systemDir() + "/trapped.ini"));
+    }
+    void unprivilegedBranch_data()
+    {
+        QTest::addColumn<bool>("systemLocked");
+        QTest::addColumn<QStringList>("products");
+        QTest::newRow("readable system database") << false << QStringList{"L1", "L2", "P", "S1", "U1"};
+        QTest::newRow("system database it cannot enter") << true << QStringList{"L1", "P", "U1"};
+    }
+    // Anyone but root registers and writes in the user's own database; what it cannot read is skipped.
+    void unprivilegedBranch()
+    {
+        QFETCH(bool, systemLocked);
+        QFETCH(QStringList, products);
+        const QString whyNot = ChildRun::unprivilegedUnavailable();
+        if (!whyNot.isEmpty())
+            QSKIP(qPrintable(whyNot));
+        QTemporaryDir base;
+        const QString home = base.filePath("home"), userDb = home + "/vasko/tav/db", systemDb = base.filePath("sys");
+        QVERIFY(ChildRun::openToOthers(base.path()) && QDir().mkpath(userDb) && QDir().mkpath(systemDb));
+        const QByteArray profile = profileXml({{"UpdateID", "7"}});
+        writeLegacy(userDb, "L1", "ProductCode=L1\nProductName=L1\n", profile);
+        writeLegacy(userDb, "p", "ProductCode=P\nProductName=P\n", profile);
+        writeLegacy(systemDb, "L2", "ProductCode=L2\nProductName=L2\n", profile);
+        QVERIFY(writeFile(userDb + "/U1.ini", "ProductName=U1\n") && writeFile(systemDb + "/S1.ini", "ProductName=S1\n")
+                && writeFile(systemDb + "/S2.ini", "ProductName=S2\n"));
+        for (const QString& path : {home, home + "/vasko", home + "/vasko/tav", userDb, userDb + "/U1.ini"})
+            QVERIFY(ChildRun::giveAway(path));
+        QVERIFY(QFile::setPermissions(systemDb + "/S2.ini", {}) && QFile::setPermissions(userDb + "/p.pf", {}));
+        if (systemLocked)
+            QVERIFY(QFile::setPermissions(systemDb, {}));
+        const Record systemBefore = snapshot({systemDb});
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("HOME", home);
+        env.insert("TAV_SYSTEM_DB_DIR", systemDb);
+        const ChildRun run({"U1", "UpdateID", "42"}, env, true, home);
+        QVERIFY2(!run.crashed && run.exitCode == 0, qPrintable(run.err.join('\n')));
+        QStringList listed = run.out;
+        listed.sort();
+        QCOMPARE(listed, products);
+        const QSettings migrated(userDb + "/L1.ini", QSettings::IniFormat);
+        QCOMPARE(migrated.value("UpdateID").toString() + migrated.value("RecordMigrated").toString(), QString("71"));
+        QCOMPARE(QFile::exists(userDb + "/L2.ini"), !systemLocked);
+        QCOMPARE(QSettings(userDb + "/U1.ini", QSettings::IniFormat).value("UpdateID").toString(), QString("42"));
+        QCOMPARE(snapshot({systemDb}), systemBefore);
+        QVERIFY(run.err.contains("2 LocalDataBaseManager: openXML: cannot open file for reading:  " + q(userDb + "/p.pf")));
+        QCOMPARE(run.err.contains(unreadable("S2")), !systemLocked);
+        QFile::setPermissions(systemDb, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
+    }
 };
 
-void TestLocalDataBaseManager::initTestCase()
-{
-    QVERIFY2(TestDb::isolated(), "run through CTest, which gives the suite a temporary HOME and system database");
-}
-
-void TestLocalDataBaseManager::init()
-{
-    // Left by the row that puts a regular file where the system database belongs.
-    if (QFileInfo(TestDb::systemDir()).isFile())
-        QFile::remove(TestDb::systemDir());
-    TestDb::reset();
-    // An empty working directory: nothing may be read from or deleted in the real one.
-    workDir_ = new QTemporaryDir;
-    previousDir_ = QDir::currentPath();
-    QVERIFY(QDir::setCurrent(workDir_->path()));
-}
-
-void TestLocalDataBaseManager::cleanup()
-{
-    QDir::setCurrent(previousDir_);
-    delete workDir_;
-    workDir_ = nullptr;
-}
-
-void TestLocalDataBaseManager::reads_data()
-{
-    QTest::addColumn<DbFiles>("files");
-    QTest::addColumn<QString>("systemLocation"); // "dir", "missing" or "file"
-    QTest::addColumn<QStringList>("products");
-    QTest::addColumn<QStringList>("linesPresent");
-    QTest::addColumn<QStringList>("linesAbsent");
-
-    const QString dir = QStringLiteral("dir");
-    QTest::newRow("empty databases") << DbFiles{} << dir << QStringList{} << QStringList{} << QStringList{};
-    QTest::newRow("one record in each location")
-        << DbFiles{record(true, "u1.ini", named("User One")), record(false, "s1.ini", named("System One"))} << dir
-        << QStringList{"s1=System One", "u1=User One"} << QStringList{foundLine("u1.ini"), foundLine("s1.ini"), offLine}
-        << QStringList{};
-    QTest::newRow("user record wins over the system one")
-        << DbFiles{record(true, "dup.ini", named("from user")), record(false, "dup.ini", named("from system"))}
-        << dir << QStringList{"dup=from user"} << QStringList{skipLine} << QStringList{};
-    QTest::newRow("upper-case suffix is no record")
-        << DbFiles{record(false, "A.INI", named("A")), record(false, "b.ini", named("B"))} << dir
-        << QStringList{"b=B"} << QStringList{foundLine("b.ini")} << QStringList{foundLine("A.INI")};
-    QTest::newRow("every .ini is removed from the name")
-        << DbFiles{record(false, "a.ini.ini", named("twice")), record(false, "a.ini", named("once"))} << dir
-        << QStringList{"a=once"} << QStringList{foundLine("a.ini.ini"), foundLine("a.ini"), skipLine}
-        << QStringList{};
-    QTest::newRow("double suffix without its stem")
-        << DbFiles{record(false, "c.ini.ini", named("C")), record(false, "d.ini", named("D"))} << dir
-        << QStringList{"d=D"} << QStringList{unreadableLine("c")} << QStringList{};
-    QTest::newRow("auto-uninstalled record is dropped, even when its deletion fails")
-        << DbFiles{record(false, "gone.ini", named("Gone", {{"AutoUninstallMode", "1"}})),
-                   record(true, "kept.ini", named("Kept", {{"AutoUninstallMode", "0"}}))}
-        << dir << QStringList{"kept=Kept"} << QStringList{foundLine("gone.ini"), checkLine, onLine, cannotRemoveLine}
-        << QStringList{};
-    QTest::newRow("only an exact 1 means auto-uninstalled")
-        << DbFiles{record(false, "x.ini", named("X", {{"AutoUninstallMode", "01"}})),
-                   record(false, "y.ini", named("Y", {{"AutoUninstallMode", "true"}})),
-                   record(false, "z.ini", named("Z", {{"AutoUninstallMode", ""}}))}
-        << dir << QStringList{"x=X", "y=Y", "z=Z"} << QStringList{offLine} << QStringList{onLine};
-    QTest::newRow("record that will not load")
-        << DbFiles{rawFile(true, "broken.ini", "[broken\nProductName=Broken\n"), record(true, "fine.ini", named("Fine"))}
-        << dir << QStringList{"fine=Fine"} << QStringList{foundLine("broken.ini"), unreadableLine("broken")}
-        << QStringList{};
-    QTest::newRow("spaces and non-ASCII letters")
-        << DbFiles{record(true, QStringLiteral("Ünïcode Stüdio 2024.ini"), named(QStringLiteral("Ünïcode Stüdio")))}
-        << dir << QStringList{QStringLiteral("Ünïcode Stüdio 2024=Ünïcode Stüdio")}
-        << QStringList{foundLine(QStringLiteral("Ünïcode Stüdio 2024.ini"))} << QStringList{};
-    QTest::newRow("other files are ignored")
-        << DbFiles{rawFile(false, "notes.txt", "x"), rawFile(false, "y.ini.bak", "ProductName=Y\n"),
-                   rawFile(false, "x.PROPERTIES", "ProductCode=X\n"), record(false, "real.ini", named("Real"))}
-        << dir << QStringList{"real=Real"} << QStringList{}
-        << QStringList{foundLine("notes.txt"), foundLine("y.ini.bak"), foundLine("x.PROPERTIES")};
-    QTest::newRow("missing system location")
-        << DbFiles{record(true, "u.ini", named("U"))} << QStringLiteral("missing") << QStringList{"u=U"}
-        << QStringList{headerLine(false, TestDb::systemDir())} << QStringList{};
-    QTest::newRow("system location is a regular file")
-        << DbFiles{record(true, "u.ini", named("U"))} << QStringLiteral("file") << QStringList{"u=U"}
-        << QStringList{headerLine(false, TestDb::systemDir())} << QStringList{};
-}
-
-void TestLocalDataBaseManager::reads()
-{
-    QFETCH(DbFiles, files);
-    QFETCH(QString, systemLocation);
-    QFETCH(QStringList, products);
-    QFETCH(QStringList, linesPresent);
-    QFETCH(QStringList, linesAbsent);
-
-    for (const DbFile& file : files)
-        write(file);
-    if (systemLocation != QLatin1String("dir")) {
-        QVERIFY(QDir(TestDb::systemDir()).removeRecursively());
-        if (systemLocation == QLatin1String("file"))
-            writeBytes(TestDb::systemDir(), "not a directory");
-    }
-    const QMap<QString, QString> before = snapshot({TestDb::userDir(), TestDb::systemDir()});
-
-    LogCapture log(0);
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-
-    QCOMPARE(namesByGuid(manager.productList()), products);
-    for (const QString& guid : guids(manager.productList()))
-        QCOMPARE(manager.getProductByGuid(guid)->guid(), guid);
-    const QStringList lines = log.lines();
-    for (const QString& line : linesPresent)
-        QVERIFY2(lines.contains(line), qPrintable(line + QStringLiteral("\nin:\n") + lines.join('\n')));
-    for (const QString& line : linesAbsent)
-        QVERIFY2(!lines.contains(line), qPrintable(line));
-    // Reading never changes the database, whatever it holds.
-    QCOMPARE(snapshot({TestDb::userDir(), TestDb::systemDir()}), before);
-}
-
-void TestLocalDataBaseManager::oneRecordLogsEveryStep()
-{
-    write(record(false, "only.ini", named("Only")));
-    LogCapture log(0);
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-    QCOMPARE(log.lines(), (QStringList{convertHeader(TestDb::userDir()), convertDone,
-                                       convertHeader(TestDb::systemDir()), convertDone,
-                                       headerLine(true, TestDb::userDir()), headerLine(false, TestDb::systemDir()),
-                                       foundLine("only.ini"), checkLine, offLine}));
-}
-
-void TestLocalDataBaseManager::logLevelFiltersLines_data()
-{
-    QTest::addColumn<int>("level");
-    for (int level : {0, 1, 2, 3})
-        QTest::addRow("logger level %d", level) << level;
-}
-
-void TestLocalDataBaseManager::logLevelFiltersLines()
-{
-    QFETCH(int, level);
-    // One entry per location keeps the order independent of the file system.
-    write(record(true, "gone.ini", named("Gone", {{"AutoUninstallMode", "1"}})));
-    write(rawFile(false, "bad.ini", "[bad\n"));
-    const QStringList all{convertHeader(TestDb::userDir()),
-                          convertDone,
-                          convertHeader(TestDb::systemDir()),
-                          convertDone,
-                          headerLine(true, TestDb::userDir()),
-                          foundLine("gone.ini"),
-                          checkLine,
-                          onLine,
-                          cannotRemoveLine,
-                          headerLine(false, TestDb::systemDir()),
-                          foundLine("bad.ini"),
-                          unreadableLine("bad")};
-    QStringList expected;
-    for (const QString& line : all)
-        if (line.section(QLatin1Char(' '), 0, 0).toInt() >= level)
-            expected << line;
-
-    LogCapture log(level);
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-    QCOMPARE(log.lines(), expected);
-    QVERIFY(manager.productList().isEmpty());
-}
-
-void TestLocalDataBaseManager::copiesOnlyTheFieldKeys()
-{
-    const QVariantMap values{{"ProductName", "Studio"},     {"ProductVersion", "3.1"},
-                             {"MediaID", "M-1"},            {"ProductID", "P-1"},
-                             {"UpdateID", "U-1"},           {"OwnerProductCode", "owner"},
-                             {"AutoUninstallMode", "0"},    {"RecordMigrated", "1"},
-                             {"CommandLineInstallFullImage", "install.sh"}, {"productname", "lower"}};
-    write(record(true, "full.ini", values));
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-    Product* product = manager.getProductByGuid(QStringLiteral("full"));
-    QVERIFY(product);
-    for (auto it = values.cbegin(); it != values.cend(); ++it) {
-        const bool copied = it.key() != QLatin1String("CommandLineInstallFullImage")
-            && it.key() != QLatin1String("productname");
-        QCOMPARE(product->getDataByKey(it.key()), copied ? it.value().toString() : QString());
-    }
-    QVERIFY(product->isLegacy());
-    QVERIFY(!manager.getProductByGuid(QStringLiteral("FULL")));
-}
-
-void TestLocalDataBaseManager::autoUninstallDeletesTheGuidInTheWorkingDirectory()
-{
-    write(record(false, "victim.ini", named("Victim", {{"AutoUninstallMode", "1"}})));
-    const QString stray = QDir::current().filePath(QStringLiteral("victim"));
-    writeBytes(stray, "named like the guid");
-
-    LogCapture log(0);
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-    QVERIFY(manager.productList().isEmpty());
-    QVERIFY(!QFile::exists(stray));
-    QVERIFY(log.contains(onLine));
-    QVERIFY(!log.contains(cannotRemoveLine));
-    // The record itself stays, so the product is dropped again on every read.
-    QVERIFY(QFile::exists(TestDb::systemDir() + QStringLiteral("/victim.ini")));
-}
-
-void TestLocalDataBaseManager::clearDataDeletesAndForgets()
-{
-    write(record(true, "a.ini", named("A")));
-    write(record(false, "b.ini", named("B")));
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-    QCOMPARE(manager.productList().size(), 2);
-    QList<QPointer<Product>> watched;
-    for (Product* product : manager.productList())
-        watched << product;
-
-    manager.clearData();
-    QVERIFY(manager.productList().isEmpty());
-    QVERIFY(!manager.getProductByGuid(QStringLiteral("a")));
-    for (const QPointer<Product>& product : watched)
-        QVERIFY(product.isNull());
-
-    manager.findRegisteredProducts();
-    QCOMPARE(namesByGuid(manager.productList()), (QStringList{"a=A", "b=B"}));
-}
-
-void TestLocalDataBaseManager::findAppendsWithoutClearing()
-{
-    write(record(false, "a.ini", named("A")));
-    LogCapture log(0);
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-    Product* first = manager.getProductByGuid(QStringLiteral("a"));
-    write(record(true, "b.ini", named("B")));
-    manager.findRegisteredProducts();
-    QCOMPARE(manager.productList().size(), 2);
-    QCOMPARE(manager.productList().first(), first);
-    QVERIFY(log.contains(skipLine));
-}
-
-void TestLocalDataBaseManager::productChangeReachesTheRecord()
-{
-    if (!runningAsRoot())
-        QSKIP("the root branch needs a root process; the other branch runs in unprivilegedUser");
-    write(record(true, "mine.ini", named("Mine", {{"UpdateID", "1"}})));
-    LocalDataBaseManager manager;
-    manager.findRegisteredProducts();
-    Product* product = manager.getProductByGuid(QStringLiteral("mine"));
-    QVERIFY(product);
-    product->setDataByKey(QStringLiteral("UpdateID"), QStringLiteral("Ü-2"));
-    // root writes to the system database, even for a product read from the user's.
-    QCOMPARE(TestDb::readRecord(false, QStringLiteral("mine")),
-             (QMap<QString, QString>{{"UpdateID", QStringLiteral("Ü-2")}}));
-    QCOMPARE(TestDb::readRecord(true, QStringLiteral("mine")).value("UpdateID"), QStringLiteral("1"));
-
-    manager.setValueInRegDb(QStringLiteral("mine"), QStringLiteral("Note"), QStringLiteral("direct"));
-    QCOMPARE(TestDb::readRecord(false, QStringLiteral("mine")).value("Note"), QStringLiteral("direct"));
-}
-
-void TestLocalDataBaseManager::homeUnsetSkipsTheUserDatabase()
-{
-    write(record(false, "sys.ini", named("Sys")));
-    // Traps in the working directory: reading it as the user database would list or convert them.
-    writeBytes(QDir::current().filePath("trap.ini"), "ProductName=Trap\n");
-    writeBytes(QDir::current().filePath("trap.properties"), "ProductCode=trapped\n");
-
-    QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
-    env.remove(QStringLiteral("HOME"));
-    const ChildRun run = runChild(env, QDir::currentPath());
-    QVERIFY(run.started);
-    QCOMPARE(run.exitCode, 0);
-    QCOMPARE(run.out, QStringList{"sys"});
-    QVERIFY2(run.errLines.contains(convertHeader(QString())), qPrintable(run.errLines.join('\n')));
-    QVERIFY(run.errLines.contains(headerLine(true, QString())));
-    QVERIFY(!QFile::exists(TestDb::systemDir() + QStringLiteral("/trapped.ini")));
-    for (const QString& line : run.errLines)
-        QVERIFY2(!line.contains(QLatin1String("trap")), qPrintable(line));
-}
-
-void TestLocalDataBaseManager::unprivilegedUser_data()
-{
-    QTest::addColumn<bool>("systemLocked");
-    QTest::addColumn<QStringList>("products");
-    QTest::newRow("readable system database") << false << QStringList{"L1", "L2", "S1", "U1"};
-    QTest::newRow("system database it cannot enter") << true << QStringList{"L1", "U1"};
-}
-
-void TestLocalDataBaseManager::unprivilegedUser()
-{
-    QFETCH(bool, systemLocked);
-    QFETCH(QStringList, products);
-    UnprivilegedLayout layout;
-    if (!layout.skipReason().isEmpty())
-        QSKIP(qPrintable(layout.skipReason()));
-    QVERIFY(layout.create());
-    const QString& userDb = layout.userDb;
-    const QString& systemDb = layout.systemDb;
-    const QByteArray profile = profileXml({{"UpdateID", "7"}});
-    writeBytes(userDb + QStringLiteral("/U1.ini"), "ProductName=U1\n");
-    writeLegacy(userDb, QStringLiteral("L1"), "ProductCode=L1\nProductName=L1\n", profile);
-    writeBytes(systemDb + QStringLiteral("/S1.ini"), "ProductName=S1\n");
-    writeBytes(systemDb + QStringLiteral("/S2.ini"), "ProductName=S2\n");
-    writeLegacy(systemDb, QStringLiteral("L2"), "ProductCode=L2\nProductName=L2\n", profile);
-    QFile::setPermissions(systemDb + QStringLiteral("/S2.ini"), QFileDevice::ReadOwner | QFileDevice::WriteOwner);
-    if (systemLocked)
-        QFile::setPermissions(systemDb, QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ExeOwner);
-    QVERIFY(layout.giveToUser(userDb + QStringLiteral("/U1.ini")));
-    const QMap<QString, QString> systemBefore = snapshot({systemDb});
-
-    QProcessEnvironment env = layout.environment();
-    env.insert(QStringLiteral("KEP_CHILD_SET_VALUE"), QStringLiteral("U1|UpdateID|42"));
-    const ChildRun run = runChild(env, layout.home, layout.uid);
-    QVERIFY(run.started);
-    QVERIFY2(run.exitCode == 0, qPrintable(run.errLines.join('\n')));
-    QStringList listed = run.out;
-    listed.sort();
-    QCOMPARE(listed, products);
-
-    // Anyone but root registers, and writes, in the user's own database.
-    QCOMPARE(readBytes(userDb + QStringLiteral("/L1.ini")).isEmpty(), false);
-    QSettings migrated(userDb + QStringLiteral("/L1.ini"), QSettings::IniFormat);
-    QCOMPARE(migrated.value("RecordMigrated").toString(), QStringLiteral("1"));
-    QCOMPARE(migrated.value("UpdateID").toString(), QStringLiteral("7"));
-    QCOMPARE(QFile::exists(userDb + QStringLiteral("/L2.ini")), !systemLocked);
-    QCOMPARE(QSettings(userDb + QStringLiteral("/U1.ini"), QSettings::IniFormat).value("UpdateID").toString(),
-             QStringLiteral("42"));
-    QCOMPARE(snapshot({systemDb}), systemBefore);
-    if (!systemLocked)
-        QVERIFY2(run.errLines.contains(unreadableLine("S2")), qPrintable(run.errLines.join('\n')));
-}
-
-KEP_LOCALDB_TEST_MAIN(TestLocalDataBaseManager)
+KEP_TEST_MAIN_WITH_CHILD(TestLocalDataBaseManager)
 #include "tst_localdatabasemanager.moc"

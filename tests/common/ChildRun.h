@@ -1,0 +1,35 @@
+#pragma once
+
+#include <QCoreApplication>
+#include <QProcessEnvironment>
+#include <QStringList>
+
+// This test program run again as a child ("--child ARGS..."): for another environment, another
+// user (nobody through setpriv when we are root, since file modes do not stop root) or a death
+// without clean-up. The suite's static child(args) does the child's work.
+struct ChildRun
+{
+    static constexpr int nobody = 65534;
+    explicit ChildRun(const QStringList& args, const QProcessEnvironment& env = QProcessEnvironment::systemEnvironment(),
+                      bool unprivileged = false, const QString& workDir = QString());
+    bool crashed = true;
+    int exitCode = -1;
+    QStringList out;
+    QStringList err;
+
+    // Empty when an unprivileged child can run here, else the reason it cannot.
+    static QString unprivilegedUnavailable();
+    // Lets the unprivileged child enter dir (mode 0755), or own path.
+    static bool openToOthers(const QString& dir);
+    static bool giveAway(const QString& path);
+};
+
+#define KEP_TEST_MAIN_WITH_CHILD(TestClass)                                                                  \
+    int main(int argc, char** argv)                                                                          \
+    {                                                                                                        \
+        QCoreApplication app(argc, argv);                                                                    \
+        if (argc > 1 && qstrcmp(argv[1], "--child") == 0)                                                    \
+            return TestClass::child(app.arguments().mid(2));                                                 \
+        TestClass test;                                                                                      \
+        return QTest::qExec(&test, argc, argv);                                                              \
+    }
