@@ -1,0 +1,36 @@
+// The transport's answer text: SOAP clean-up, the bracketed service code, then the reply parser.
+#include "FuzzSupport.h"
+
+#include "model/Product.h"
+#include "network/NetworkManager.h"
+
+namespace {
+
+bool knownState(int state)
+{
+    return state == -1 || state == 0 || state == 4 || state == 5 || state == 6;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerInitialize(int* argc, char*** argv)
+{
+    FuzzSupport::setUp(argc, argv);
+    return 0;
+}
+
+extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
+{
+    using KepPlugin::NetworkManager;
+    const QString reply = QString::fromUtf8(FuzzSupport::bytes(data, size));
+    const QString text = NetworkManager::soapReplyToText(reply);
+    const int state = NetworkManager::stateOfReplyText(text);
+    if (!knownState(state))
+        FuzzSupport::fail("unknown state code", QString::number(state));
+    // The code is read from the first bracket pair only, so text without "[" is always plain.
+    if (!text.contains(QLatin1Char('[')) && state != 0)
+        FuzzSupport::fail("state for text without a code", text);
+    KepPlugin::Product product(QStringLiteral("{F0220000-0000-4000-8000-000000000002}"));
+    product.parseRawXmlData(text);
+    return 0;
+}
