@@ -2,6 +2,7 @@
 
 #include "localdb/KepKeys.h"
 #include "localdb/KepLog.h"
+#include "localdb/ThreadHandOver.h"
 #include "tavcore/NetworkAccessManager.h"
 #include "tavcore/NetworkCache.h"
 #include "tavcore/SettingsManager.h"
@@ -269,6 +270,8 @@ void NetworkManager::call_GetTAVProductInfo(QString updateId, QString mediaId, b
     sendRequestToKep(request, body);
     removeSoapHeaders();
     checkNetworkReply();
+    // The caller's thread reads the reply once its blocking queued call returns.
+    KEP_HANDED_OVER(this);
     emit requestFinished();
 }
 

@@ -4,6 +4,7 @@
 #include "KepDataProviderPlugin.h"
 #include "localdb/KepKeys.h"
 #include "localdb/KepLog.h"
+#include "localdb/ThreadHandOver.h"
 #include "localdb/LocalDataBaseManager.h"
 #include "model/Product.h"
 #include "network/NetworkManager.h"
@@ -53,6 +54,7 @@ int DataManager::getUpdates()
             return 2;
         emit requestProductDataFromKep(product->getDataByKey(Keys::UpdateID), product->getDataByKey(Keys::MediaID),
                                        showTestUpdate);
+        KEP_TAKEN_OVER(network_);
         product->parseRawXmlData(network_->networkReplyStr());
     }
     data_ = getConsolidatedProviderResponseInXml();

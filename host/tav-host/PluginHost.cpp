@@ -1,5 +1,6 @@
 #include "PluginHost.h"
 
+#include "localdb/ThreadHandOver.h"
 #include "plugin/IDataProvider.h"
 
 #include <QCoreApplication>
@@ -59,7 +60,9 @@ void PluginHost::start(int cancelAfterMs)
         worker_.start();
     }
     IDataProvider* provider = provider_;
+    KEP_HANDED_OVER(runner_);
     QMetaObject::invokeMethod(runner_, [this, provider] {
+        KEP_TAKEN_OVER(runner_);
         QString data;
         const int status = provider->getData(data);
         emit finished(status, data);
