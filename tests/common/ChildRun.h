@@ -1,12 +1,13 @@
 #pragma once
 
 #include <QCoreApplication>
+#include <QFile>
 #include <QProcessEnvironment>
-#include <QStringList>
 
-// This test program run again as a child ("--child ARGS..."): for another environment, another
-// user (nobody through setpriv when we are root, since file modes do not stop root) or a death
-// without clean-up. The suite's static child(args) does the child's work.
+#include <unistd.h>
+
+// This test program run again as a child ("--child ARGS...", handled by the suite's static child()):
+// for another environment, another user (nobody through setpriv, as file modes do not stop root) or a death.
 struct ChildRun
 {
     static constexpr int nobody = 65534;
@@ -20,8 +21,11 @@ struct ChildRun
     // Empty when an unprivileged child can run here, else the reason it cannot.
     static QString unprivilegedUnavailable();
     // Lets the unprivileged child enter dir (mode 0755), or own path.
-    static bool openToOthers(const QString& dir);
-    static bool giveAway(const QString& path);
+    static bool openToOthers(const QString& dir) { return QFile::setPermissions(dir, QFileDevice::Permissions(0x7755)); }
+    static bool giveAway(const QString& path)
+    {
+        return ::geteuid() != 0 || ::chown(QFile::encodeName(path).constData(), nobody, nobody) == 0;
+    }
 };
 
 #define KEP_TEST_MAIN_WITH_CHILD(TestClass)                                                                  \

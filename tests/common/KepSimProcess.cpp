@@ -2,11 +2,6 @@
 
 #include <QDeadlineTimer>
 
-KepSimProcess::~KepSimProcess()
-{
-    stop();
-}
-
 bool KepSimProcess::start(const QString& program, const QString& fixtures, const QStringList& extra)
 {
     static const QByteArray marker("kep-sim listening on ");
@@ -15,34 +10,19 @@ bool KepSimProcess::start(const QString& program, const QString& fixtures, const
         process_.setProcessChannelMode(QProcess::ForwardedErrorChannel);
     else
         process_.setStandardErrorFile(QProcess::nullDevice());
-    process_.start(program, QStringList{QStringLiteral("--fixtures"), fixtures, QStringLiteral("--port"),
-                                        QStringLiteral("0")} + extra);
+    process_.start(program, QStringList{QStringLiteral("--fixtures"), fixtures, QStringLiteral("--port"), "0"} + extra);
     QByteArray seen;
-    QDeadlineTimer deadline(10000);
-    while (!deadline.hasExpired() && process_.state() != QProcess::NotRunning) {
-        if (process_.canReadLine() || process_.waitForReadyRead(int(deadline.remainingTime()))) {
-            while (process_.canReadLine()) {
-                const QByteArray line = process_.readLine().trimmed();
-                seen += line + '\n';
-                if (line.startsWith(marker)) {
-                    url_ = QString::fromUtf8(line.mid(marker.size()));
-                    return true;
-                }
+    for (QDeadlineTimer deadline(10000); process_.waitForReadyRead(int(deadline.remainingTime()));) {
+        while (process_.canReadLine()) {
+            const QByteArray line = process_.readLine().trimmed();
+            seen += line + '\n';
+            if (line.startsWith(marker)) {
+                url_ = QString::fromUtf8(line.mid(marker.size()));
+                return true;
             }
         }
     }
     error_ = QStringLiteral("kep-sim did not start: %1 %2").arg(process_.errorString(), QString::fromUtf8(seen));
     stop();
     return false;
-}
-
-void KepSimProcess::stop()
-{
-    if (process_.state() == QProcess::NotRunning)
-        return;
-    process_.terminate();
-    if (!process_.waitForFinished(3000)) {
-        process_.kill();
-        process_.waitForFinished(3000);
-    }
 }

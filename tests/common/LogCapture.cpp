@@ -4,7 +4,8 @@
 
 #include <QDebug>
 #include <QMutex>
-#include <QMutexLocker>
+
+using TavCoreShared::TavLogger::Logger;
 
 namespace {
 
@@ -14,22 +15,20 @@ QtMessageHandler previous_ = nullptr;
 
 void capture(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
-    if (type == QtCriticalMsg && context.category && qstrcmp(context.category, "default") == 0
-        && !context.file && context.line == 0 && !context.function) {
+    if (type == QtCriticalMsg && qstrcmp(context.category, "default") == 0 && !context.file && !context.function) {
         QMutexLocker lock(&mutex_);
         captured_.append(message);
-        return;
-    }
-    if (previous_)
+    } else if (previous_) {
         previous_(type, context, message);
+    }
 }
 
 } // namespace
 
 LogCapture::LogCapture(int logLevel)
-    : previousLevel_(TavCoreShared::TavLogger::Logger::instance()->logLevel())
+    : previousLevel_(Logger::instance()->logLevel())
 {
-    TavCoreShared::TavLogger::Logger::instance()->setLogLevel(logLevel);
+    Logger::instance()->setLogLevel(logLevel);
     clear();
     previous_ = qInstallMessageHandler(capture);
 }
@@ -37,7 +36,7 @@ LogCapture::LogCapture(int logLevel)
 LogCapture::~LogCapture()
 {
     qInstallMessageHandler(previous_);
-    TavCoreShared::TavLogger::Logger::instance()->setLogLevel(previousLevel_);
+    Logger::instance()->setLogLevel(previousLevel_);
 }
 
 QStringList LogCapture::lines() const

@@ -2,10 +2,9 @@
 
 #include <QStringList>
 #include <QVariant>
-#include <QtGlobal>
 
-// Collects the plug-in's log lines (critical severity, category "default") while it lives,
-// at the given logger level; everything else goes on to the previous handler.
+// Collects the plug-in's log lines (critical severity, category "default", no source context)
+// while it lives, at the given logger level; everything else goes on to the previous handler.
 class LogCapture
 {
 public:

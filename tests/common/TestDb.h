@@ -1,36 +1,49 @@
 #pragma once
 
+#include "localdb/KepKeys.h"
+
+#include <QDir>
 #include <QMap>
-#include <QString>
 
 // The two product databases of the test run (the runner points HOME and TAV_SYSTEM_DB_DIR
-// at a temporary directory), and small helpers to lay out records in them.
-namespace TestDb {
+// at a temporary directory), and small helpers to lay out records and files in them.
+struct TestDb
+{
+    static QString userDir() { return KepPlugin::Keys::USER_DB_DIR; }
+    static QString systemDir() { return KepPlugin::Keys::SYSTEM_DB_DIR; }
+    static QString dir(bool peruser) { return peruser ? userDir() : systemDir(); }
+    // Refuses to run against anything but a temporary database.
+    static bool isolated() { return !userDir().isEmpty() && !systemDir().startsWith(QLatin1String("/opt/")); }
+    // Empties both databases (and creates them).
+    static void reset();
 
-QString userDir();
-QString systemDir();
-QString dir(bool peruser);
+    // GUID.ini with top-level keys, written and read the way any QSettings user does.
+    static void writeRecord(bool peruser, const QString& guid, const QMap<QString, QString>& values);
+    static QMap<QString, QString> readRecord(bool peruser, const QString& guid);
 
-// Empties both databases (and creates them).
-void reset();
-
-// Writes GUID.ini with top-level keys the way the registration tool does.
-void writeRecord(bool peruser, const QString& guid, const QMap<QString, QString>& values);
-QMap<QString, QString> readRecord(bool peruser, const QString& guid);
-
-// Refuses to run against anything but a temporary database.
-bool isolated();
-
-// Whole files; writeFile creates the parent directories.
-QByteArray readFile(const QString& path);
-bool writeFile(const QString& path, const QByteArray& bytes);
-// Every entry of a directory, hidden ones too, sorted.
-QStringList entries(const QString& dir);
-// Inode, time and content of every file below the directories: equal snapshots mean nothing was written.
-QMap<QString, QString> snapshot(const QStringList& dirs);
-
-// A previous-generation product: DIR/NAME.properties, and NAME.pf unless profile is null.
-void writeLegacy(const QString& dir, const QString& name, const QByteArray& properties, const QByteArray& profile);
-QByteArray profileXml(const QMap<QString, QString>& data);
-
-} // namespace TestDb
+    // Whole files; writeFile creates the parent directories.
+    static QByteArray readFile(const QString& path);
+    static bool writeFile(const QString& path, const QByteArray& bytes);
+    // Every entry of a directory, hidden ones too, sorted.
+    static QStringList entries(const QString& dir)
+    {
+        return QDir(dir).entryList(QDir::AllEntries | QDir::Hidden | QDir::System | QDir::NoDotAndDotDot, QDir::Name);
+    }
+    // Inode, time and content of every file below the directories: equal snapshots mean nothing was written.
+    static QMap<QString, QString> snapshot(const QStringList& dirs);
+    // A previous-generation product: DIR/NAME.properties, and NAME.pf unless profile is null.
+    static void writeLegacy(const QString& dir, const QString& name, const QByteArray& properties, const QByteArray& profile)
+    {
+        const QString path = dir + QLatin1Char('/') + name + QStringLiteral(".properties");
+        writeFile(path, properties);
+        if (!profile.isNull()) // every ".properties" in the path becomes ".pf"
+            writeFile(QString(path).replace(QStringLiteral(".properties"), QStringLiteral(".pf")), profile);
+    }
+    static QByteArray profileXml(const QMap<QString, QString>& data)
+    {
+        QByteArray xml = "<profiles><profile>";
+        for (auto it = data.cbegin(); it != data.cend(); ++it)
+            xml += "<data id=\"" + it.key().toUtf8() + "\" value=\"" + it.value().toUtf8() + "\"/>";
+        return xml + "</profile></profiles>";
+    }
+};

@@ -11,7 +11,6 @@
 
 #include <unistd.h>
 
-using namespace TestDb;
 using KepPlugin::LocalDataBaseManager;
 using Record = QMap<QString, QString>;
 
@@ -46,7 +45,7 @@ const QString unchanged = entry(1, "skip convertation since legacy updateId is n
 void lay(const QStringList& files)
 {
     for (const QString& file : files)
-        QVERIFY(writeFile(dir(file.startsWith('u')) + file.mid(1).section('|', 0, 0), file.section('|', 1).toUtf8()));
+        QVERIFY(TestDb::writeFile(TestDb::dir(file.startsWith('u')) + file.mid(1).section('|', 0, 0), file.section('|', 1).toUtf8()));
 }
 
 QStringList namesByGuid(const QList<KepPlugin::Product*>& products)
@@ -85,10 +84,10 @@ private:
 private slots:
     void init()
     {
-        QVERIFY2(isolated(), "run through CTest, which gives the suite a temporary HOME and system database");
-        if (QFileInfo(systemDir()).isFile())
-            QFile::remove(systemDir());
-        reset();
+        QVERIFY2(TestDb::isolated(), "run through CTest, which gives the suite a temporary HOME and system database");
+        if (QFileInfo(TestDb::systemDir()).isFile())
+            QFile::remove(TestDb::systemDir());
+        TestDb::reset();
         // An empty working directory: nothing may be read from or deleted in the real one.
         work_.reset(new QTemporaryDir);
         previousDir_ = QDir::currentPath();
@@ -122,7 +121,7 @@ private slots:
             << QStringList{QStringLiteral("u/Ünï Stüdio 2024.ini|ProductName=Ünï")} << QStringList{QStringLiteral("Ünï Stüdio 2024=Ünï")}
             << QStringList{found(QStringLiteral("Ünï Stüdio 2024.ini"))} << QStringList{};
         QTest::newRow("system location is a regular file")
-            << QStringList{"u/u.ini|ProductName=U"} << QStringList{"u=U"} << QStringList{header(false, systemDir())}
+            << QStringList{"u/u.ini|ProductName=U"} << QStringList{"u=U"} << QStringList{header(false, TestDb::systemDir())}
             << QStringList{};
     }
     void reads()
@@ -133,8 +132,8 @@ private slots:
         QFETCH(QStringList, absent);
         lay(files);
         if (QTest::currentDataTag() == QLatin1String("system location is a regular file"))
-            QVERIFY(QDir(systemDir()).removeRecursively() && writeFile(systemDir(), "not a directory"));
-        const Record before = snapshot({userDir(), systemDir()});
+            QVERIFY(QDir(TestDb::systemDir()).removeRecursively() && TestDb::writeFile(TestDb::systemDir(), "not a directory"));
+        const Record before = TestDb::snapshot({TestDb::userDir(), TestDb::systemDir()});
         LogCapture log(0);
         LocalDataBaseManager manager;
         manager.findRegisteredProducts();
@@ -143,7 +142,7 @@ private slots:
             QVERIFY2(log.contains(wanted), qPrintable(wanted + "\nin:\n" + log.lines().join('\n')));
         for (const QString& unwanted : absent)
             QVERIFY2(!log.contains(unwanted), qPrintable(unwanted));
-        QCOMPARE(snapshot({userDir(), systemDir()}), before); // reading never writes
+        QCOMPARE(TestDb::snapshot({TestDb::userDir(), TestDb::systemDir()}), before); // reading never writes
     }
     void logLevels_data()
     {
@@ -157,9 +156,9 @@ private slots:
         QFETCH(int, level);
         lay({"u/gone.ini|ProductName=G\nAutoUninstallMode=1", "s/bad.ini|[bad\n"});
         QStringList expected;
-        for (const QString& wanted : {convertHeader(userDir()), convertDone, convertHeader(systemDir()), convertDone,
-                                      header(true, userDir()), found("gone.ini"), check, on, cannotRemove,
-                                      header(false, systemDir()), found("bad.ini"), unreadable("bad")})
+        for (const QString& wanted : {convertHeader(TestDb::userDir()), convertDone, convertHeader(TestDb::systemDir()), convertDone,
+                                      header(true, TestDb::userDir()), found("gone.ini"), check, on, cannotRemove,
+                                      header(false, TestDb::systemDir()), found("bad.ini"), unreadable("bad")})
             if (wanted.at(0).digitValue() >= level)
                 expected << wanted;
         LogCapture log(level);
@@ -192,12 +191,12 @@ private slots:
     void autoUninstallRemovesTheGuidInTheWorkingDirectory()
     {
         lay({"s/victim.ini|ProductName=V\nAutoUninstallMode=1"});
-        QVERIFY(writeFile(QDir::current().filePath(QStringLiteral("victim")), "named like the guid"));
+        QVERIFY(TestDb::writeFile(QDir::current().filePath(QStringLiteral("victim")), "named like the guid"));
         LogCapture log(0);
         LocalDataBaseManager manager;
         manager.findRegisteredProducts();
         QVERIFY(manager.productList().isEmpty() && log.contains(on) && !log.contains(cannotRemove));
-        QVERIFY(!QFile::exists(QStringLiteral("victim")) && QFile::exists(systemDir() + "/victim.ini"));
+        QVERIFY(!QFile::exists(QStringLiteral("victim")) && QFile::exists(TestDb::systemDir() + "/victim.ini"));
     }
     void convert_data()
     {
@@ -209,7 +208,7 @@ private slots:
         QTest::addColumn<QString>("expected"); // the system record G1.ini afterwards, sorted key=value; "": none
         QTest::addColumn<QStringList>("lines"); // after "converting"; <F>: the profile file
         const QByteArray studio = "ProductCode=G1\nProductName=Studio Pro\nVersion=3.1\n", none;
-        const QByteArray profile = profileXml({{"MediaID", "M1"}, {"ProductID", "P1"}, {"UpdateID", "U1"}});
+        const QByteArray profile = TestDb::profileXml({{"MediaID", "M1"}, {"ProductID", "P1"}, {"UpdateID", "U1"}});
         const QString full = "MediaID=M1 ProductID=P1 ProductName=Studio Pro ProductVersion=3.1 RecordMigrated=1 UpdateID=U1";
         const QString noIds = "MediaID= ProductID= ProductName=Studio Pro ProductVersion=3.1 RecordMigrated=1 UpdateID=";
         const QString failed = QStringLiteral("2 LocalDataBaseManager: openXML: ERROR: failed to read:  \"<F>\"");
@@ -220,7 +219,7 @@ private slots:
         QTest::newRow("unchanged update id is skipped") << "l" << studio << profile << QByteArray("UpdateID=U1\n") << false
                                                         << "UpdateID=U1" << QStringList{unchanged};
         QTest::newRow("empty legacy update id registers again")
-            << "l" << studio << profileXml({{"MediaID", "M1"}, {"ProductID", "P1"}}) << QByteArray("UpdateID=U0\nKeep=me\n")
+            << "l" << studio << TestDb::profileXml({{"MediaID", "M1"}, {"ProductID", "P1"}}) << QByteArray("UpdateID=U0\nKeep=me\n")
             << true << "Keep=me " + QString(full).replace("U1", "") << QStringList{completed};
         QTest::newRow("record that will not load is registered again")
             << "l" << studio << profile << QByteArray("[broken\nUpdateID=U1\n") << true << full << QStringList{completed};
@@ -244,7 +243,7 @@ private slots:
         QTest::newRow("no product code") << "l" << QByteArray("ProductName=S\n") << profile << none << false << ""
                                          << QStringList{entry(2, "found guid is not valid:  \"\"")};
         QTest::newRow("missing file") << "l" << none << none << none << false << ""
-                                      << QStringList{entry(2, "file isn't exist  \"" + userDir() + "/l.properties\"")};
+                                      << QStringList{entry(2, "file isn't exist  \"" + TestDb::userDir() + "/l.properties\"")};
         QTest::newRow("non-ASCII name and version")
             << "l" << QByteArray("ProductCode=G1\nProductName=Gr\\x00fcne\nVersion=3.1 \\x03b2\n") << profile << none << true
             << QStringLiteral("MediaID=M1 ProductID=P1 ProductName=Grüne ProductVersion=3.1 β RecordMigrated=1 UpdateID=U1")
@@ -259,44 +258,44 @@ private slots:
         QFETCH(bool, result);
         QFETCH(QString, expected);
         QFETCH(QStringList, lines);
-        const QString file = userDir() + '/' + name + ".properties";
+        const QString file = TestDb::userDir() + '/' + name + ".properties";
         if (!properties.isNull())
-            writeLegacy(userDir(), name, properties, profile);
+            TestDb::writeLegacy(TestDb::userDir(), name, properties, profile);
         if (!existing.isNull())
-            QVERIFY(writeFile(systemDir() + "/G1.ini", existing));
-        const Record legacy = snapshot({userDir()});
+            QVERIFY(TestDb::writeFile(TestDb::systemDir() + "/G1.ini", existing));
+        const Record legacy = TestDb::snapshot({TestDb::userDir()});
         LogCapture log(0);
         LocalDataBaseManager manager;
         QCOMPARE(manager.convertFncProductEntry(file, false), result);
         lines.replaceInStrings("<F>", QString(file).replace(".properties", ".pf")).prepend(entry(0, "converting  " + q(file)));
         QCOMPARE(log.lines(), lines);
         QStringList record;
-        const Record values = readRecord(false, QStringLiteral("G1"));
+        const Record values = TestDb::readRecord(false, QStringLiteral("G1"));
         for (auto it = values.cbegin(); it != values.cend(); ++it)
             record << it.key() + '=' + it.value();
         QCOMPARE(record.join(' '), expected);
-        QCOMPARE(snapshot({userDir()}), legacy); // legacy files are only read
+        QCOMPARE(TestDb::snapshot({TestDb::userDir()}), legacy); // legacy files are only read
     }
     // root registers what it finds in both locations in the system database, and writes there.
     void rootBranch()
     {
         if (::geteuid() != 0)
             QSKIP("the root branch needs a root process; the other one runs in unprivilegedBranch");
-        writeLegacy(userDir(), "mine", "ProductCode=U-G\nProductName=Mine\n", profileXml({}));
-        writeLegacy(systemDir(), "shared", "ProductCode=S-G\nProductName=Shared\n", QByteArray());
+        TestDb::writeLegacy(TestDb::userDir(), "mine", "ProductCode=U-G\nProductName=Mine\n", TestDb::profileXml({}));
+        TestDb::writeLegacy(TestDb::systemDir(), "shared", "ProductCode=S-G\nProductName=Shared\n", QByteArray());
         lay({"s/loud.PROPERTIES|ProductCode=LOUD", "u/u1.ini|ProductName=U1\nUpdateID=1"});
         LogCapture log(0);
         LocalDataBaseManager manager;
-        manager.convertRegDb(userDir());
-        const QString file = userDir() + "/mine.properties";
-        QCOMPARE(log.lines(), (QStringList{convertHeader(userDir()), line(0, "found TAV 1.0 property file:  " + q(file), "convertRegDb"),
+        manager.convertRegDb(TestDb::userDir());
+        const QString file = TestDb::userDir() + "/mine.properties";
+        QCOMPARE(log.lines(), (QStringList{convertHeader(TestDb::userDir()), line(0, "found TAV 1.0 property file:  " + q(file), "convertRegDb"),
                                            entry(0, "converting  " + q(file)), completed, convertDone}));
         manager.findRegisteredProducts();
         QCOMPARE(namesByGuid(manager.productList()), (QStringList{"S-G=Shared", "U-G=Mine", "u1=U1"}));
-        QCOMPARE(entries(systemDir()), (QStringList{"S-G.ini", "U-G.ini", "loud.PROPERTIES", "shared.properties"}));
+        QCOMPARE(TestDb::entries(TestDb::systemDir()), (QStringList{"S-G.ini", "U-G.ini", "loud.PROPERTIES", "shared.properties"}));
         manager.getProductByGuid("u1")->setDataByKey("UpdateID", QStringLiteral("Ü-2"));
-        QCOMPARE(readRecord(false, "u1"), (Record{{"UpdateID", QStringLiteral("Ü-2")}}));
-        QCOMPARE(readRecord(true, "u1").value("UpdateID"), QStringLiteral("1"));
+        QCOMPARE(TestDb::readRecord(false, "u1"), (Record{{"UpdateID", QStringLiteral("Ü-2")}}));
+        QCOMPARE(TestDb::readRecord(true, "u1").value("UpdateID"), QStringLiteral("1"));
     }
     void repeatedReadsWriteNothingNew_data()
     {
@@ -307,20 +306,20 @@ private slots:
     void repeatedReadsWriteNothingNew()
     {
         QFETCH(bool, withoutUpdateId);
-        writeLegacy(userDir(), "a", "ProductCode=A\nProductName=A\n", profileXml({{"MediaID", "MA"}, {"UpdateID", "1"}}));
-        writeLegacy(systemDir(), "b", "ProductCode=B\nProductName=B\n", profileXml({{"MediaID", "MB"}, {"UpdateID", "2"}}));
+        TestDb::writeLegacy(TestDb::userDir(), "a", "ProductCode=A\nProductName=A\n", TestDb::profileXml({{"MediaID", "MA"}, {"UpdateID", "1"}}));
+        TestDb::writeLegacy(TestDb::systemDir(), "b", "ProductCode=B\nProductName=B\n", TestDb::profileXml({{"MediaID", "MB"}, {"UpdateID", "2"}}));
         lay({"u/C.ini|ProductName=C\nUpdateID=3"});
         if (withoutUpdateId)
-            writeLegacy(systemDir(), "d", "ProductCode=D\nProductName=D\n", QByteArray());
+            TestDb::writeLegacy(TestDb::systemDir(), "d", "ProductCode=D\nProductName=D\n", QByteArray());
         Record settled;
         for (int round = 1; round <= 3; ++round) {
             LogCapture log(1);
             LocalDataBaseManager manager;
             manager.findRegisteredProducts();
             QCOMPARE(namesByGuid(manager.productList()).join(' '), withoutUpdateId ? "A=A B=B C=C D=D" : "A=A B=B C=C");
-            Record files = snapshot({userDir(), systemDir()});
+            Record files = TestDb::snapshot({TestDb::userDir(), TestDb::systemDir()});
             if (withoutUpdateId) // content (the hash) only: the record is rewritten
-                files[systemDir() + "/D.ini"] = files[systemDir() + "/D.ini"].section(' ', 2);
+                files[TestDb::systemDir() + "/D.ini"] = files[TestDb::systemDir() + "/D.ini"].section(' ', 2);
             QCOMPARE(log.lines().count(unchanged), round == 1 ? 0 : 2);
             if (round > 1)
                 QCOMPARE(files, settled);
@@ -331,14 +330,14 @@ private slots:
     {
         lay({"s/sys.ini|ProductName=Sys"});
         // Traps in the working directory: reading it as the user database would list or convert them.
-        QVERIFY(writeFile("trap.ini", "ProductName=Trap\n") && writeFile("trap.properties", "ProductCode=trapped\n"));
+        QVERIFY(TestDb::writeFile("trap.ini", "ProductName=Trap\n") && TestDb::writeFile("trap.properties", "ProductCode=trapped\n"));
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.remove(QStringLiteral("HOME"));
         const ChildRun run({}, env, false, QDir::currentPath());
         QVERIFY(!run.crashed && run.exitCode == 0);
         QCOMPARE(run.out, QStringList{"sys"});
         QVERIFY2(run.err.contains(convertHeader(QString())) && run.err.contains(header(true, QString())), qPrintable(run.err.join('\n')));
-        QVERIFY(run.err.filter("trap").isEmpty() && !QFile::exists(systemDir() + "/trapped.ini"));
+        QVERIFY(run.err.filter("trap").isEmpty() && !QFile::exists(TestDb::systemDir() + "/trapped.ini"));
     }
     void unprivilegedBranch_data()
     {
@@ -358,18 +357,18 @@ private slots:
         QTemporaryDir base;
         const QString home = base.filePath("home"), userDb = home + "/vasko/tav/db", systemDb = base.filePath("sys");
         QVERIFY(ChildRun::openToOthers(base.path()) && QDir().mkpath(userDb) && QDir().mkpath(systemDb));
-        const QByteArray profile = profileXml({{"UpdateID", "7"}});
-        writeLegacy(userDb, "L1", "ProductCode=L1\nProductName=L1\n", profile);
-        writeLegacy(userDb, "p", "ProductCode=P\nProductName=P\n", profile);
-        writeLegacy(systemDb, "L2", "ProductCode=L2\nProductName=L2\n", profile);
-        QVERIFY(writeFile(userDb + "/U1.ini", "ProductName=U1\n") && writeFile(systemDb + "/S1.ini", "ProductName=S1\n")
-                && writeFile(systemDb + "/S2.ini", "ProductName=S2\n"));
+        const QByteArray profile = TestDb::profileXml({{"UpdateID", "7"}});
+        TestDb::writeLegacy(userDb, "L1", "ProductCode=L1\nProductName=L1\n", profile);
+        TestDb::writeLegacy(userDb, "p", "ProductCode=P\nProductName=P\n", profile);
+        TestDb::writeLegacy(systemDb, "L2", "ProductCode=L2\nProductName=L2\n", profile);
+        QVERIFY(TestDb::writeFile(userDb + "/U1.ini", "ProductName=U1\n") && TestDb::writeFile(systemDb + "/S1.ini", "ProductName=S1\n")
+                && TestDb::writeFile(systemDb + "/S2.ini", "ProductName=S2\n"));
         for (const QString& path : {home, home + "/vasko", home + "/vasko/tav", userDb, userDb + "/U1.ini"})
             QVERIFY(ChildRun::giveAway(path));
         QVERIFY(QFile::setPermissions(systemDb + "/S2.ini", {}) && QFile::setPermissions(userDb + "/p.pf", {}));
         if (systemLocked)
             QVERIFY(QFile::setPermissions(systemDb, {}));
-        const Record systemBefore = snapshot({systemDb});
+        const Record systemBefore = TestDb::snapshot({systemDb});
         QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
         env.insert("HOME", home);
         env.insert("TAV_SYSTEM_DB_DIR", systemDb);
@@ -382,7 +381,7 @@ private slots:
         QCOMPARE(migrated.value("UpdateID").toString() + migrated.value("RecordMigrated").toString(), QString("71"));
         QCOMPARE(QFile::exists(userDb + "/L2.ini"), !systemLocked);
         QCOMPARE(QSettings(userDb + "/U1.ini", QSettings::IniFormat).value("UpdateID").toString(), QString("42"));
-        QCOMPARE(snapshot({systemDb}), systemBefore);
+        QCOMPARE(TestDb::snapshot({systemDb}), systemBefore);
         QVERIFY(run.err.contains("2 LocalDataBaseManager: openXML: cannot open file for reading:  " + q(userDb + "/p.pf")));
         QCOMPARE(run.err.contains(unreadable("S2")), !systemLocked);
         QFile::setPermissions(systemDb, QFile::ReadOwner | QFile::WriteOwner | QFile::ExeOwner);
