@@ -1,6 +1,5 @@
 #include "PluginHost.h"
 
-#include "localdb/ThreadHandOver.h"
 #include "plugin/IDataProvider.h"
 
 #include <QCoreApplication>
@@ -57,16 +56,16 @@ void PluginHost::start(int cancelAfterMs)
         runner_ = new QObject;
         runner_->moveToThread(&worker_);
         connect(&worker_, &QThread::finished, runner_, &QObject::deleteLater);
+        // Made once, before the worker starts: every run is then just a queued signal.
+        connect(this, &PluginHost::runRequested, runner_, [this] {
+            QString data;
+            const int status = provider_->getData(data);
+            emit finished(status, data);
+        });
         worker_.start();
     }
+    emit runRequested();
     IDataProvider* provider = provider_;
-    KEP_HANDED_OVER(runner_);
-    QMetaObject::invokeMethod(runner_, [this, provider] {
-        KEP_TAKEN_OVER(runner_);
-        QString data;
-        const int status = provider->getData(data);
-        emit finished(status, data);
-    }, Qt::QueuedConnection);
     if (cancelAfterMs >= 0 && !canceller_.isRunning()) {
         auto* timer = new QTimer;
         timer->setSingleShot(true);

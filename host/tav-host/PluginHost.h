@@ -35,6 +35,7 @@ public:
 
 signals:
     void finished(int status, const QString& data);
+    void runRequested();
 
 private:
     QPluginLoader loader_;
