@@ -10,7 +10,6 @@
 #include "network/NetworkManager.h"
 #include "tavcore/SettingsManager.h"
 
-#include <QMutexLocker>
 
 namespace KepPlugin {
 
@@ -23,6 +22,8 @@ DataManager::DataManager(QObject* parent)
     // while this thread waits for it.
     connect(this, &DataManager::requestProductDataFromKep, network_, &NetworkManager::call_GetTAVProductInfo,
             Qt::BlockingQueuedConnection);
+    // A cancel can come from any thread as soon as the plug-in has connected this run.
+    KEP_HANDED_OVER(&mutex_);
 }
 
 DataManager::~DataManager()
@@ -32,7 +33,7 @@ DataManager::~DataManager()
 
 bool DataManager::cancelled()
 {
-    QMutexLocker lock(&mutex_);
+    VisibleMutexLocker lock(&mutex_);
     return cancel_;
 }
 
@@ -75,7 +76,7 @@ void DataManager::clearData()
 {
     localDb_->clearData();
     {
-        QMutexLocker lock(&mutex_);
+        VisibleMutexLocker lock(&mutex_);
         cancel_ = false;
     }
     if (!data_.isNull())
@@ -86,7 +87,7 @@ void DataManager::interrupt()
 {
     KEP_LOG(0) << "DataManager::cancelAction(): requested cancel";
     {
-        QMutexLocker lock(&mutex_);
+        VisibleMutexLocker lock(&mutex_);
         cancel_ = true;
     }
     emit interrupting();
