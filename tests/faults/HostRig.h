@@ -1,68 +1,90 @@
 #pragma once
 
-#include <QByteArray>
-#include <QMap>
-#include <QString>
-#include <QStringList>
-#include <QTemporaryDir>
+#include "TestDb.h"
 
-// One reference host run in a private, world-readable scratch tree (its own HOME, system
-// database and cache), so a case can also run it as an unprivileged user or under limits,
-// and then check what the run left behind.
-class QProcess;
+#include <QProcess>
+#include <QSettings>
+#include <QSqlDatabase>
+#include <QSqlError>
+#include <QSqlQuery>
+#include <QtTest>
 
+// Runs the reference host in a private scratch tree (its own HOME, system database and cache)
+// that an unprivileged user may be given, and reads back what the run left there.
 class HostRig
 {
 public:
-    struct Result
+    struct Result { int exitCode = -2; QByteArray out; QString err; }; // -2: killed or crashed
+
+    QString path(const QString& relative) const { return root_.path() + relative; }
+
+    void writeRecord(const QString& dir, const QString& mediaId, const QString& updateId = "1200") const
     {
-        int exitCode = -1; // -2 when killed by a signal, -1 when it had to be stopped
-        QByteArray out;
+        QSettings ini(path(dir + "/{" + mediaId + "}.ini"), QSettings::IniFormat);
+        ini.setValue("MediaID", mediaId);
+        ini.setValue("UpdateID", updateId);
+    }
+
+    // Both databases, down to each file's inode and time: equal when the run wrote nothing there.
+    QMap<QString, QString> databaseFiles() const { return TestDb::snapshot({path("/home/vasko/tav/db"), path("/sysdb")}); }
+
+    // tav-host against url with the summary on; killed once killAt has shown twice on stderr.
+    Result run(const QString& url, const QStringList& extra = {}, const QStringList& prefix = {},
+               const QByteArray& killAt = {}) const
+    {
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("HOME", path("/home"));
+        env.insert("XDG_CACHE_HOME", path("/home/.cache"));
+        env.insert("TAV_SYSTEM_DB_DIR", path("/sysdb"));
+        QProcess host;
+        host.setProcessEnvironment(env);
+        host.setWorkingDirectory(root_.path()); // auto-uninstall clean-up acts here
+        host.setReadChannel(QProcess::StandardError);
+        const QStringList command = prefix + QStringList{TAV_HOST_PATH, "--set", "KepWebServiceUrl=" + url, "--summary"};
+        host.start(command.first(), command.mid(1) + extra);
         QByteArray err;
-        qint64 elapsedMs = 0;
-        QStringList errLines() const;
-        QStringList summary() const; // the "summary: " lines
-    };
+        while (!killAt.isEmpty() && err.count(killAt) < 2 && host.waitForReadyRead(60000))
+            err += host.readAllStandardError();
+        if (!killAt.isEmpty() || !host.waitForFinished(150000))
+            host.kill();
+        host.waitForFinished();
+        return Result{host.exitStatus() == QProcess::NormalExit ? host.exitCode() : -2, host.readAllStandardOutput(),
+                      QString::fromUtf8(err + host.readAllStandardError())};
+    }
 
-    HostRig();
-    Q_DISABLE_COPY(HostRig)
+    // The query's first value in the reply cache, or why there is none.
+    QString cache(const QString& sql) const
+    {
+        const QString file = path("/home/.cache/vasko/tav/network-cache.sqlite");
+        QString value = "no cache file";
+        if (QFile::exists(file)) {
+            QSqlDatabase db = QSqlDatabase::addDatabase("QSQLITE", file);
+            db.setDatabaseName(file);
+            db.setConnectOptions("QSQLITE_OPEN_READONLY");
+            QSqlQuery query(db);
+            if (!db.open() || !query.exec(sql))
+                value = db.lastError().text() + query.lastError().text();
+            else
+                value = query.next() ? query.value(0).toString() : QString();
+        }
+        QSqlDatabase::removeDatabase(file);
+        return value;
+    }
 
-    bool isValid() const { return root_.isValid(); }
-    QString userDb() const;
-    QString systemDb() const;
-    QString cacheDir() const;
-    QString cacheFile() const;
+    // Records as before, the cache sound, and a good run works again.
+    void checkRecovery(const QString& url, const QMap<QString, QString>& records, int updates) const
+    {
+        QCOMPARE(databaseFiles(), records);
+        QVERIFY(QStringList({"ok", "no cache file"}).contains(cache("PRAGMA integrity_check")));
+        const Result next = run(url);
+        QCOMPARE(next.exitCode, 0);
+        QCOMPARE(updatesIn(next.out), updates);
+        QVERIFY2(next.err.contains(", cache 0, none 0, cancelled 0)"), qPrintable(next.err));
+        QCOMPARE(cache("PRAGMA integrity_check"), QString("ok"));
+    }
 
-    // GUID.ini with top-level keys, as the registration tool writes it.
-    void writeRecord(const QString& dir, const QString& guid, const QMap<QString, QString>& values);
-    // The usual two products: one in the user database, one in the system database.
-    void writeStandardRecords(bool both = true);
-    // Every file of both databases, by path: what a run must leave as it was.
-    QMap<QString, QByteArray> databaseFiles() const;
-
-    // The arguments that put tav-host in front of the service at url, with the summary on.
-    static QStringList hostArguments(const QString& url, const QStringList& extra = {});
-    // Starts prefix + tav-host + arguments with the tree's environment.
-    void start(QProcess& host, const QStringList& arguments, const QStringList& prefix = {}) const;
-    // Runs it to the end.
-    Result run(const QStringList& arguments, const QStringList& prefix = {}, int timeoutMs = 150000) const;
-    // Lets the unprivileged user read the whole tree (and nothing more).
-    void openToEveryone() const;
-
-    // "ok", or what SQLite's integrity check or the open said.
-    QString cacheIntegrity() const;
-    QString cachedValue(const QString& key) const;
-
-    // Shared checks; they fail the current test (see QTest::currentTestFailed()).
-    // A good run against url, so that the cache holds an answer for every product.
-    void prime(const QString& url);
-    // After a faulty run: records as before, the cache sound, and a good run works again.
-    void checkRecovery(const QString& url, const QMap<QString, QByteArray>& recordsBefore, int updates = 4);
-
-    static int updatesIn(const QByteArray& xml);
-    static QString studioKey() { return QStringLiteral("gtpi__1200_MEDIA-STUDIO-2014"); }
-    static bool commandWorks(const QStringList& command);
-    static const QStringList unprivileged; // the setpriv prefix of uid/gid 65534
+    // -1 for an answer that is not whole.
+    static int updatesIn(const QByteArray& xml) { return xml.endsWith("</root>\n") ? xml.count("<update>") : -1; }
 
 private:
     QTemporaryDir root_;
