@@ -31,8 +31,42 @@ out="$tmp/report.md"
 echo "bench: end to end, scaling, memory (bench/e2e.py)" >&2
 python3 "$root/bench/e2e.py" "$bin" "$tmp/e2e" "${quick[@]}" | tee -a "$out"
 
-echo "bench: cancel latency" >&2
-python3 "$root/bench/cancel.py" "$bin" "$tmp/cancel" "${quick[@]}" | tee -a "$out"
+echo "bench: cancel latency in one process (bench_cancel)" >&2
+{
+    echo "### Cancel latency, in one process"
+    echo
+    echo "The plug-in in the main thread with its event loop, getData on a worker thread, cancelCurrentAction"
+    echo "from a third thread while the first of two products waits on kep-sim --delay-ms 10000; timed from the"
+    echo "cancel call to getData's return."
+    echo
+    echo '```'
+    echo "\$ bench_cancel"
+    (cd "$tmp" && "$bin/bench_cancel" "${quick[@]}" 2>&1 | sed -n 's/.*COMPARE //p')
+    echo '```'
+    echo
+} | tee -a "$out"
+
+echo "bench: reply pipeline against one DOM parse (bench_pipeline)" >&2
+{
+    echo "### Reply pipeline: SOAP clean-up, parse and consolidated document against one DOM parse"
+    echo
+    echo '```'
+    echo "\$ bench_pipeline"
+    (cd "$tmp" && "$bin/bench_pipeline" "${quick[@]}" 2>&1 | sed -n 's/.*COMPARE //p')
+    echo '```'
+    echo
+} | tee -a "$out"
+
+echo "bench: reply cache inserts (bench_cache)" >&2
+{
+    echo "### Reply cache: one insert per answered product"
+    echo
+    echo '```'
+    echo "\$ bench_cache"
+    (cd "$tmp" && "$bin/bench_cache" "${quick[@]}" 2>&1 | sed -n 's/.*COMPARE //p')
+    echo '```'
+    echo
+} | tee -a "$out"
 
 echo "bench: local database (bench_localdb versusQSettings)" >&2
 {
@@ -41,6 +75,9 @@ echo "bench: local database (bench_localdb versusQSettings)" >&2
     echo '```'
     echo "\$ bench_localdb versusQSettings"
     (cd "$tmp" && "$bin/bench_localdb" versusQSettings 2>&1 | sed -n 's/.*COMPARE //p')
+    echo "\$ bench_localdb 'convertLegacy:1000 legacy products, first run'"
+    (cd "$tmp" && "$bin/bench_localdb" "convertLegacy:1000 legacy products, first run" 2>&1 \
+        | grep -A1 '^RESULT' | sed -n 's/^ *\([0-9,.]* msecs\) per iteration.*/first conversion of 1000 legacy products: \1/p')
     echo '```'
     echo
 } | tee -a "$out"
@@ -55,6 +92,8 @@ echo "bench: reply parsing (bench_replyparse)" >&2
     echo '```'
     echo
 } | tee -a "$out"
+
+echo "The benchmarks above took $SECONDS s of wall time (the build before them not included)." | tee -a "$out"
 
 # The measured part of BENCHMARKS.md is replaced; the analysis around it stays.
 report="$root/BENCHMARKS.md"

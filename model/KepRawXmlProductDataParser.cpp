@@ -88,6 +88,16 @@ bool nestsTooDeep(const QString& text)
     return false;
 }
 
+// The records outlive the reply's DOM, and a run holds every product's records at once: a key
+// equal to a supported tag shares that tag's static text instead of keeping the parser's copy,
+// and a value gives back the room the DOM's text() leaves for growing.
+void insertField(QMap<QString, QString>& fields, const QStringList& supported, const QString& tag, QString text)
+{
+    const int known = supported.indexOf(tag);
+    text.squeeze();
+    fields.insert(known < 0 ? tag : supported.at(known), text);
+}
+
 } // namespace
 
 KepRawXmlProductDataParser::KepRawXmlProductDataParser(Product* product)
@@ -164,9 +174,9 @@ bool KepRawXmlProductDataParser::parseRawXmlDataNodeUpdate(const QDomNodeList& u
                 }
                 continue;
             }
-            const QString text = element.text();
+            QString text = element.text();
             KEP_LOG(0) << QStringLiteral("KepProductData::parseRawXmlDataNodeUpdate: update[%1]=%2").arg(tag, text);
-            fields.insert(tag, text);
+            insertField(fields, supported, tag, std::move(text));
         }
         update->setData(fields);
         product_->addUpdate(update);
@@ -194,9 +204,9 @@ bool KepRawXmlProductDataParser::parseRawXmlDataNodeNews(const QDomNodeList& mes
                 KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeNews: unknown tag: " << tag;
                 continue;
             }
-            const QString text = element.text();
+            QString text = element.text();
             KEP_LOG(0) << QStringLiteral("KepProductData::parseRawXmlDataNodeNews: new message[%1]=%2").arg(tag, text);
-            fields.insert(tag, text);
+            insertField(fields, supported, tag, std::move(text));
         }
         news->setData(fields);
         product_->addNews(news);

@@ -6,9 +6,11 @@ namespace KepPlugin {
 
 News::~News() = default;
 
+// Built once, like the update's list.
 QStringList News::getSupportedXmlTags()
 {
-    return {Tags::ID, Tags::TITLE, Tags::DESCRIPTION, Tags::PUBLISH_DATE};
+    static const QStringList tags = {Tags::ID, Tags::TITLE, Tags::DESCRIPTION, Tags::PUBLISH_DATE};
+    return tags;
 }
 
 } // namespace KepPlugin

@@ -44,10 +44,10 @@ QString xmlSafe(const QString& text)
     return changed ? kept : text;
 }
 
-QString shortDate(const QString& isoDateTime)
+QString shortDate(const QString& isoDateTime, const QLocale& locale)
 {
     const QDate date = QDateTime::fromString(isoDateTime.trimmed(), Qt::ISODate).date();
-    return date.isValid() ? QLocale::system().toString(date, QLocale::ShortFormat) : QString();
+    return date.isValid() ? locale.toString(date, QLocale::ShortFormat) : QString();
 }
 
 class Writer
@@ -68,7 +68,7 @@ private:
     QXmlStreamWriter xml_;
 };
 
-void writeUpdate(Writer& out, Update* update, bool legacy)
+void writeUpdate(Writer& out, Update* update, bool legacy, const QLocale& locale)
 {
     using namespace Tags;
     auto trimmed = [update](const QString& key) { return update->getDataByKey(key).trimmed(); };
@@ -79,7 +79,7 @@ void writeUpdate(Writer& out, Update* update, bool legacy)
     for (const QString& key : {DOWNLOAD_URL, DOWNLOAD_URL_ONLINE, DOWNLOAD_FILE_NAME, DOWNLOAD_FILE_NAME_ONLINE,
                                DOWNLOAD_SIZE})
         out.text(key, trimmed(key));
-    out.text(PUBLISH_DATE, shortDate(update->getDataByKey(PUBLISH_DATE)));
+    out.text(PUBLISH_DATE, shortDate(update->getDataByKey(PUBLISH_DATE), locale));
     out.text(ADDITIONAL_INFO_URL, trimmed(ADDITIONAL_INFO_URL));
     out.text(ONE_CLICK_UPDATE_MODE_IS_SUPPORTED, legacy ? QStringLiteral("0") : QStringLiteral("1"));
     out.start(RELATED_UPDATES);
@@ -90,14 +90,14 @@ void writeUpdate(Writer& out, Update* update, bool legacy)
     out.end();
 }
 
-void writeNews(Writer& out, News* news, const QString& id)
+void writeNews(Writer& out, News* news, const QString& id, const QLocale& locale)
 {
     using namespace Tags;
     out.start(MESSAGE);
     out.text(ID, id);
     out.text(TITLE, news->getDataByKey(TITLE).trimmed());
     out.text(DESCRIPTION, news->getDataByKey(DESCRIPTION).trimmed());
-    out.text(PUBLISH_DATE, shortDate(news->getDataByKey(PUBLISH_DATE)));
+    out.text(PUBLISH_DATE, shortDate(news->getDataByKey(PUBLISH_DATE), locale));
     out.end();
 }
 
@@ -105,34 +105,42 @@ void writeNews(Writer& out, News* news, const QString& id)
 
 QString ConsolidatedResponseWriter::toXml(const QList<Product*>& products)
 {
+    // Looked up once: building the system locale is a good part of formatting one date.
+    const QLocale locale = QLocale::system();
     QString document;
-    Writer out(&document);
-    out.stream().writeStartDocument();
-    out.start(Tags::ROOT);
-    out.start(Tags::UPDATES);
-    for (Product* product : products) {
-        const bool legacy = product->isLegacy();
-        const QList<Update*> updates = product->updatesList();
-        for (Update* update : updates)
-            writeUpdate(out, update, legacy);
-    }
-    out.end();
-    out.start(Tags::PRODUCT_NEWS);
-    QSet<QString> written;
-    for (Product* product : products) {
-        const QList<News*> newsList = product->newsList();
-        for (News* news : newsList) {
-            const QString id = news->getDataByKey(Tags::ID).trimmed();
-            if (written.contains(id))
-                continue;
-            written.insert(id);
-            writeNews(out, news, id);
+    {
+        Writer out(&document);
+        out.stream().writeStartDocument();
+        out.start(Tags::ROOT);
+        out.start(Tags::UPDATES);
+        for (Product* product : products) {
+            const bool legacy = product->isLegacy();
+            const QList<Update*> updates = product->updatesList();
+            for (Update* update : updates)
+                writeUpdate(out, update, legacy, locale);
         }
+        out.end();
+        out.start(Tags::PRODUCT_NEWS);
+        QSet<QString> written;
+        for (Product* product : products) {
+            const QList<News*> newsList = product->newsList();
+            for (News* news : newsList) {
+                const QString id = news->getDataByKey(Tags::ID).trimmed();
+                if (written.contains(id))
+                    continue;
+                written.insert(id);
+                writeNews(out, news, id, locale);
+            }
+        }
+        out.end();
+        out.end();
+        out.stream().writeEndDocument();
     }
-    out.end();
-    out.end();
-    out.stream().writeEndDocument();
-    return document.trimmed();
+    // Trimmed in place and cut to its size: the document is the largest string of a run, and
+    // the writer grows it by doubling.
+    document = std::move(document).trimmed();
+    document.squeeze();
+    return document;
 }
 
 } // namespace KepPlugin

@@ -1,3 +1,5 @@
+#include "BenchStats.h"
+
 #include "localdb/KepKeys.h"
 #include "localdb/LocalDataBaseManager.h"
 #include "model/Product.h"
@@ -10,7 +12,6 @@
 #include <QTemporaryDir>
 #include <QtTest>
 
-#include <algorithm>
 #include <functional>
 
 using KepPlugin::LocalDataBaseManager;
@@ -88,12 +89,6 @@ qint64 nsecsOf(const std::function<void()>& work)
     clock.start();
     work();
     return clock.nsecsElapsed();
-}
-
-double median(QVector<double> values)
-{
-    std::sort(values.begin(), values.end());
-    return values.at(values.size() / 2);
 }
 
 } // namespace
@@ -203,8 +198,8 @@ void BenchLocalDb::versusQSettings()
         plainMs.append(plainNs / 1e6);
     }
     qInfo("COMPARE %s: ours %.1f ms, QSettings %.1f ms, ratio %.2f (%.2f .. %.2f)", QTest::currentDataTag(),
-          median(oursMs), median(plainMs), median(ratios), *std::min_element(ratios.begin(), ratios.end()),
-          *std::max_element(ratios.begin(), ratios.end()));
+          KepBench::median(oursMs), KepBench::median(plainMs), KepBench::median(ratios), KepBench::minimum(ratios),
+          KepBench::maximum(ratios));
 }
 
 int main(int argc, char** argv)

@@ -82,11 +82,25 @@ bool prepareGuiPlatform(const HostOptions& options, QString* error)
     return true;
 }
 
-// Prints the answer the way the command-line run does.
+// Prints the answer the way the command-line run does: its UTF-8 text up to the first NUL,
+// then a newline. Converted in slices, because one UTF-8 copy of a large answer is allocated
+// at three bytes a character and was the largest block of a run.
 void printAnswer(const QString& data)
 {
+    constexpr int slice = 1 << 16;
+    const int nul = data.indexOf(QChar(0));
+    const int end = nul < 0 ? data.size() : nul;
+    for (int at = 0; at < end;) {
+        int length = qMin(slice, end - at);
+        // A surrogate pair stays in one slice.
+        if (at + length < end && data.at(at + length - 1).isHighSurrogate())
+            --length;
+        const QByteArray bytes = data.midRef(at, length).toUtf8();
+        std::fwrite(bytes.constData(), 1, size_t(bytes.size()), stdout);
+        at += length;
+    }
     if (!data.isEmpty())
-        std::fprintf(stdout, "%s\n", qUtf8Printable(data));
+        std::fputc('\n', stdout);
     std::fflush(stdout);
 }
 

@@ -2,7 +2,10 @@
 
 #include <QString>
 
+#include <memory>
+
 class QSqlError;
+class QSqlQuery;
 
 namespace TavCoreShared {
 namespace Network {
@@ -39,6 +42,9 @@ private:
     QString path_;
     QString connection_;
     State state_ = State::Closed;
+    // Prepared on the first insert of a connection and reused: preparing cost as much as
+    // storing a small reply.
+    std::unique_ptr<QSqlQuery> insert_;
 };
 
 } // namespace Network
