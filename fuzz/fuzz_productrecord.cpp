@@ -1,6 +1,7 @@
 // The registration tool's record reader; what it loads must survive a save and a reload.
 #include "FuzzSupport.h"
 
+#include "regtool/PlainRecordReader.h"
 #include "regtool/ProductRecord.h"
 
 #include <QDir>
@@ -44,14 +45,21 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     const QString copy = FuzzSupport::freshPath(QStringLiteral(".ini"));
     FuzzSupport::writeFile(copy, FuzzSupport::bytes(data, size));
     std::map<std::string, std::string> keys;
+    std::map<std::string, std::string> viaQSettings;
     {
         QSettings ini(copy, QSettings::IniFormat);
         ini.setIniCodec("UTF-8");
         const QStringList names = ini.childKeys();
-        for (const QString& name : names)
+        for (const QString& name : names) {
             keys[name.toLocal8Bit().toStdString()];
+            viaQSettings[name.toLocal8Bit().toStdString()] = ini.value(name).toString().toLocal8Bit().toStdString();
+        }
     }
     QFile::remove(copy);
+    // The direct reader, where it takes a record, must agree with QSettings on every value.
+    std::map<std::string, std::string> direct;
+    if (PlainRecordReader::read(FuzzSupport::bytes(data, size), direct) && direct != viaQSettings)
+        FuzzSupport::fail("the direct reader and QSettings disagree", recordPath());
     if (!first.save())
         return 0;
     ProductRecord second(guid, true);

@@ -197,7 +197,8 @@ bool LocalDataBaseManager::convertFncProductEntry(QString file, bool peruser)
     const QByteArray guid = values.value(productCode).toLocal8Bit();
     const QByteArray updateId = values.value(Keys::UpdateID).toLocal8Bit();
     ProductRecord record(guid.toStdString(), peruser);
-    if (record.isExist() && record.load() && !updateId.isEmpty()) {
+    // A record that is missing does not load.
+    if (record.load() && !updateId.isEmpty()) {
         if (record.getValue(Keys::UPDATE_ID) != updateId.toStdString()) {
             KEP_LOG(0) << "LocalDataBaseManager::convertFncProductEntry: legacy updateId was updated, set it in new db";
             record.setValue(Keys::UPDATE_ID, updateId.toStdString());

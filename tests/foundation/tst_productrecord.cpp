@@ -1,8 +1,10 @@
 #include "ChildRun.h"
 #include "TestDb.h"
+#include "regtool/PlainRecordReader.h"
 #include "regtool/ProductRecord.h"
 
 #include <QLibrary>
+#include <QSettings>
 #include <QTemporaryDir>
 #include <QTextCodec>
 #include <QtTest>
@@ -64,6 +66,44 @@ private slots:
         QCOMPARE(record.load(), !productName.isNull());
         QCOMPARE(QString::fromLocal8Bit(record.getValue("ProductName").c_str()), productName.isNull() ? "kept" : productName);
         QCOMPARE(TestDb::readFile(pathOf(true, "g")), bytes);
+    }
+    // What the direct reader takes must read as QSettings reads it; the rest is left to QSettings.
+    void plainReader_data()
+    {
+        QTest::addColumn<QByteArray>("bytes");
+        QTest::addColumn<bool>("plain");
+        QTest::newRow("as QSettings writes it") << QByteArray("[General]\nMediaID=M-77\nProductName=Studio 2\nUpdateID=\n") << true;
+        QTest::newRow("blanks, comments, repeated key") << QByteArray(" ; n\n\n\tA = 1 \t\nB=x=y# \nA=2\n[General]\n; \"\\,\n") << true;
+        QTest::newRow("no final newline") << QByteArray("A=1") << true;
+        QTest::newRow("quoted") << QByteArray("A=\"  x \"\n") << false;
+        QTest::newRow("list") << QByteArray("A=x , y\n") << false;
+        QTest::newRow("escape") << QByteArray("A=x\\ty\n") << false;
+        QTest::newRow("typed") << QByteArray("A= @ByteArray(x)\n") << false;
+        QTest::newRow("escaped key") << QByteArray("A%20B=1\n") << false;
+        QTest::newRow("group key") << QByteArray("A=1\n[Other]\nB=2\n") << false;
+        QTest::newRow("lower-case general") << QByteArray("[general]\nA=1\n") << false;
+        QTest::newRow("inline comment") << QByteArray("A=1 ; c\n") << false;
+        QTest::newRow("CR LF") << QByteArray("A=1\r\nB=2\r\n") << false;
+        QTest::newRow("non-ASCII") << QByteArray("A=\xd0\xa1\n") << false;
+    }
+    void plainReader()
+    {
+        QFETCH(QByteArray, bytes);
+        QFETCH(bool, plain);
+        std::map<std::string, std::string> direct{{"held", "before"}};
+        QCOMPARE(PlainRecordReader::read(bytes, direct), plain);
+        if (!plain) {
+            QCOMPARE(direct, (std::map<std::string, std::string>{{"held", "before"}}));
+            return;
+        }
+        QTemporaryDir dir;
+        QVERIFY(TestDb::writeFile(dir.filePath("r.ini"), bytes));
+        QSettings ini(dir.filePath("r.ini"), QSettings::IniFormat);
+        ini.setIniCodec("UTF-8");
+        std::map<std::string, std::string> viaQSettings;
+        for (const QString& key : ini.childKeys())
+            viaQSettings[key.toStdString()] = ini.value(key).toString().toStdString();
+        QCOMPARE(direct, viaQSettings);
     }
     void regression_staleRecordRewrittenWithinOneMillisecond()
     {
