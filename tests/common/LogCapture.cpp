@@ -15,12 +15,10 @@ QtMessageHandler previous_ = nullptr;
 
 void capture(QtMsgType type, const QMessageLogContext& context, const QString& message)
 {
-    if (type == QtCriticalMsg && qstrcmp(context.category, "default") == 0 && !context.file && !context.function) {
-        QMutexLocker lock(&mutex_);
-        captured_.append(message);
-    } else if (previous_) {
-        previous_(type, context, message);
-    }
+    if (type != QtCriticalMsg || qstrcmp(context.category, "default") != 0 || context.file || context.function)
+        return previous_ ? previous_(type, context, message) : void();
+    QMutexLocker lock(&mutex_);
+    captured_.append(message);
 }
 
 } // namespace
@@ -55,8 +53,8 @@ QString LogCapture::line(int level, const QString& text, const QVariant& item)
 {
     QString out = QString::number(level) + QLatin1Char(' ') + text;
     if (item.type() == QVariant::Int)
-        out += QLatin1Char(' ') + item.toString();
-    else if (item.isValid())
+        return out + QLatin1Char(' ') + item.toString();
+    if (item.isValid())
         QDebug(&out.append(QLatin1Char(' '))).nospace() << item.toString();
     return out;
 }

@@ -41,8 +41,7 @@ QByteArray TestDb::readFile(const QString& path)
 bool TestDb::writeFile(const QString& path, const QByteArray& bytes)
 {
     QFile file(path);
-    return QDir().mkpath(QFileInfo(path).absolutePath()) && file.open(QIODevice::WriteOnly)
-        && file.write(bytes) == bytes.size();
+    return QDir().mkpath(QFileInfo(path).absolutePath()) && file.open(QIODevice::WriteOnly) && file.write(bytes) == bytes.size();
 }
 
 QMap<QString, QString> TestDb::snapshot(const QStringList& dirs)

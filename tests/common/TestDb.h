@@ -20,7 +20,6 @@ struct TestDb
     // GUID.ini with top-level keys, written and read the way any QSettings user does.
     static void writeRecord(bool peruser, const QString& guid, const QMap<QString, QString>& values);
     static QMap<QString, QString> readRecord(bool peruser, const QString& guid);
-
     // Whole files; writeFile creates the parent directories.
     static QByteArray readFile(const QString& path);
     static bool writeFile(const QString& path, const QByteArray& bytes);
@@ -31,19 +30,4 @@ struct TestDb
     }
     // Inode, time and content of every file below the directories: equal snapshots mean nothing was written.
     static QMap<QString, QString> snapshot(const QStringList& dirs);
-    // A previous-generation product: DIR/NAME.properties, and NAME.pf unless profile is null.
-    static void writeLegacy(const QString& dir, const QString& name, const QByteArray& properties, const QByteArray& profile)
-    {
-        const QString path = dir + QLatin1Char('/') + name + QStringLiteral(".properties");
-        writeFile(path, properties);
-        if (!profile.isNull()) // every ".properties" in the path becomes ".pf"
-            writeFile(QString(path).replace(QStringLiteral(".properties"), QStringLiteral(".pf")), profile);
-    }
-    static QByteArray profileXml(const QMap<QString, QString>& data)
-    {
-        QByteArray xml = "<profiles><profile>";
-        for (auto it = data.cbegin(); it != data.cend(); ++it)
-            xml += "<data id=\"" + it.key().toUtf8() + "\" value=\"" + it.value().toUtf8() + "\"/>";
-        return xml + "</profile></profiles>";
-    }
 };

