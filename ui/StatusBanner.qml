@@ -12,10 +12,10 @@ Rectangle {
     property int cachedCount: 0
     property int uncheckedCount: 0
 
-    // "1 of 1 product is", "2 of 4 products are"
+    // "1 of 1 product is", "1 of 4 products is", "2 of 4 products are"
     function productsOf(count) {
-        return productCount === 1 ? qsTr("%1 of 1 product is").arg(count)
-                                  : qsTr("%1 of %2 products are").arg(count).arg(productCount);
+        var part = productCount === 1 ? qsTr("%1 of 1 product").arg(count) : qsTr("%1 of %2 products").arg(count).arg(productCount);
+        return count === 1 ? qsTr("%1 is").arg(part) : qsTr("%1 are").arg(part);
     }
 
     visible: cachedCount + uncheckedCount > 0

@@ -51,15 +51,16 @@ void ProgressReport::productEnded()
 
 void ProgressReport::tick()
 {
-    const qint64 waited = waiting_.elapsed();
-    if (waited < waitNoticeMs) {
+    // Whole seconds, rounded: the ticks come a little early or late.
+    const qint64 seconds = (waiting_.elapsed() + 500) / 1000;
+    if (seconds * 1000 < waitNoticeMs) {
         if (mode_ == Mode::InPlace)
-            show(QStringLiteral("tav-host: checking %1, %2 s").arg(position()).arg(waited / 1000));
+            show(QStringLiteral("tav-host: checking %1, %2 s").arg(position()).arg(seconds));
         return;
     }
     const QString text = QStringLiteral("tav-host: %1: waiting for the service at %2 for %3 s, giving up at %4")
                              .arg(position(), url_)
-                             .arg(waited / 1000)
+                             .arg(seconds)
                              .arg(giveUpAt_.toString(QStringLiteral("HH:mm:ss")));
     // A log gets the notice once per product; a terminal sees the seconds go by.
     if (mode_ == Mode::InPlace || !noticed_)

@@ -91,13 +91,15 @@ RunWarnings::RunWarnings(const QList<ProductOutcome>& outcomes, const QVariant& 
         QString words = describe(outcome);
         if (reason_.isEmpty())
             reason_ = words;
+        // One cause per kind of failure; the transport's text of its first product stands for all.
+        const QString key = QStringLiteral("%1 %2").arg(outcome.timedOut ? -2 : outcome.errorCode).arg(words);
         if (outcome.errorCode >= 0 && !outcome.timedOut)
             words += QStringLiteral(" (error %1: %2)").arg(outcome.errorCode).arg(outcome.errorText);
-        if (!byKey.contains(words)) {
-            byKey.insert(words, causes.size());
+        if (!byKey.contains(key)) {
+            byKey.insert(key, causes.size());
             causes.append(Cause{words});
         }
-        Cause& cause = causes[byKey.value(words)];
+        Cause& cause = causes[byKey.value(key)];
         ++cause.failed;
         if (outcome.source == QLatin1String("cache"))
             ++cause.cached;
