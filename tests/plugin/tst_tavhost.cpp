@@ -1,6 +1,8 @@
 #include "KepSimProcess.h"
+#include "ProgressReport.h"
 #include "RunSummary.h"
 #include "RunWarnings.h"
+#include "SettingsCheck.h"
 #include "TestDb.h"
 
 #include <QProcess>
@@ -92,6 +94,82 @@ private slots:
         const RunWarnings warnings(summary.outcomes(), url, summary.cancelLost());
         QTEST(warnings.incomplete(), "incomplete");
         QTEST(warnings.lines(), "warnings");
+    }
+
+    void nearMisses_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("meant"); // empty: no warning
+        QTest::newRow("exact") << "KepWebServiceUrl" << "";
+        QTest::newRow("case") << "KepWebServiceURL" << "KepWebServiceUrl";
+        QTest::newRow("separators") << "kep_web_service_url" << "KepWebServiceUrl";
+        QTest::newRow("other key's case") << "showtestupdates" << "ShowTestUpdates";
+        QTest::newRow("another word") << "KepWebServiceUri" << "";
+        QTest::newRow("unrelated") << "Proxy" << "";
+    }
+
+    void nearMisses()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, meant);
+        const QString warning = SettingsCheck::nearMiss(key);
+        QCOMPARE(warning.isEmpty(), meant.isEmpty());
+        QVERIFY2(meant.isEmpty() || warning.endsWith("did you mean " + meant + "?"), qPrintable(warning));
+    }
+
+    // On a terminal: one line, rewritten in place, that turns into a notice after a few seconds
+    // and is wiped before anything else is written.
+    void progressInPlace()
+    {
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        std::FILE* out = std::fopen(qPrintable(file.fileName()), "w");
+        QVERIFY(out);
+        ProgressReport progress(ProgressReport::Mode::InPlace, "http://kep.invalid/", out);
+        progress.productStarted(2, 4, "M");
+        const auto written = [&file] { return QString::fromUtf8(TestDb::readFile(file.fileName())); };
+        QCOMPARE(written(), QString("\rtav-host: checking product 2 of 4 (media M)\033[K"));
+        QTRY_VERIFY_WITH_TIMEOUT(written().contains("\rtav-host: product 2 of 4 (media M): waiting for the service at "
+                                                    "http://kep.invalid/ for 3 s, giving up at "), 6000);
+        QVERIFY2(written().contains("\rtav-host: checking product 2 of 4 (media M), 1 s\033[K"), qPrintable(written()));
+        ProgressReport::clearLine(out);
+        QVERIFY(written().endsWith("\033[K\r\033[K"));
+        progress.finish(); // nothing left to wipe
+        QVERIFY(written().endsWith("\033[K\r\033[K"));
+        std::fclose(out);
+    }
+
+    void simulatorCommandLine_data()
+    {
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("out"); // a pattern for all of standard output
+        QTest::addColumn<QString>("err"); // and of standard error
+        QTest::newRow("help") << QStringList{"--help"} << 0
+                              << "Usage: kep-sim \\[options\\]\n.*--fixtures <DIR>.*--tls <CERT> <KEY>.*\nExit status:\n.*  64 .*" << "";
+        QTest::newRow("version") << QStringList{"--version"} << 0 << "kep-sim \\d+\\.\\d+\\.\\d+\\.\\d+\n" << "";
+        QTest::newRow("unknown option") << QStringList{"--bogus"} << 64 << ""
+                                        << "kep-sim: Unknown option 'bogus'\\.\nTry 'kep-sim --help' for the options\\.\n";
+        QTest::newRow("tls without key") << QStringList{"--fixtures", KEP_FIXTURES_DIR, "--tls", "cert.pem"} << 64 << ""
+                                         << "kep-sim: --tls needs CERT and KEY\n";
+    }
+
+    void simulatorCommandLine()
+    {
+        QFETCH(QStringList, arguments);
+        QProcess sim;
+        sim.start(KEP_SIM_PATH, arguments);
+        QVERIFY(sim.waitForFinished(10000) && sim.exitStatus() == QProcess::NormalExit);
+        QTEST(sim.exitCode(), "exitCode");
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        const auto matches = [](const QString& pattern, const QByteArray& text) {
+            return QRegularExpression(QRegularExpression::anchoredPattern(pattern), QRegularExpression::DotMatchesEverythingOption)
+                .match(QString::fromUtf8(text)).hasMatch();
+        };
+        const QByteArray written = sim.readAllStandardOutput(), error = sim.readAllStandardError();
+        QVERIFY2(matches(out, written), written.constData());
+        QVERIFY2(matches(err, error), error.constData());
     }
 
     void commandLines_data()

@@ -90,6 +90,12 @@ private slots:
         QCOMPARE(text(window.window(), "stateDetail"), QString("The service could not be reached: connection refused."));
         QCOMPARE(text(window.window(), "retryButton"), QString("Try again"));
         QCOMPARE(text(window.window(), "bannerHeadline"), QString("(hidden)"));
+        // "Try again" starts the next run.
+        QVERIFY(QMetaObject::invokeMethod(window.window()->findChild<QQuickItem*>("retryButton"), "clicked"));
+        QCOMPARE(window.state(), QString("checking"));
+        QVERIFY(answered.wait(30000));
+        QCOMPARE(window.state(), QString("unreachable"));
+        QCOMPARE(window.uncheckedCount(), 2); // this run's products only
         host.shutdown();
     }
 
