@@ -52,7 +52,9 @@ void RunSummary::feed(const QString& line)
     QMutexLocker lock(&mutex_);
     if (runEnded_)
         return;
-    const QRegularExpressionMatch match = asked.match(line);
+    // Most lines are the parser's trace: a plain search rules them out before any expression runs.
+    const QRegularExpressionMatch match =
+        line.contains(QLatin1String("call_GetTAVProductInfo")) ? asked.match(line) : QRegularExpressionMatch();
     if (match.hasMatch()) {
         closeRow();
         ProductOutcome row;
@@ -89,7 +91,8 @@ void RunSummary::feed(const QString& line)
             return;
         }
     }
-    const QRegularExpressionMatch error = replyError.match(line);
+    const QRegularExpressionMatch error =
+        line.contains(QLatin1String("reply error [")) ? replyError.match(line) : QRegularExpressionMatch();
     if (error.hasMatch()) {
         row.errorCode = error.captured(1).toInt();
         row.errorText = unquoted(error.captured(2));
