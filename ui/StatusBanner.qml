@@ -11,6 +11,8 @@ Rectangle {
     property int productCount: 0
     property int cachedCount: 0
     property int uncheckedCount: 0
+    // Of the unchecked ones, those whose request a cancel cut short.
+    property int cancelledCount: 0
 
     // "1 of 1 product is", "1 of 4 products is", "2 of 4 products are"
     function productsOf(count) {
@@ -36,8 +38,10 @@ Rectangle {
         Text {
             objectName: "bannerHeadline"
             width: parent.width
-            text: banner.reason.length > 0 ? qsTr("The service could not be reached: %1.").arg(banner.reason)
-                                           : qsTr("The service could not be reached.")
+            text: banner.cancelledCount > 0 && banner.cancelledCount === banner.cachedCount + banner.uncheckedCount
+                  ? qsTr("The check was cancelled before every product was answered.")
+                  : banner.reason.length > 0 ? qsTr("The service could not be reached: %1.").arg(banner.reason)
+                                             : qsTr("The service could not be reached.")
             color: Style.warningText
             font.pixelSize: Style.fontNormal
             font.bold: true

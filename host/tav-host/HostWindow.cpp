@@ -120,9 +120,11 @@ void HostWindow::takeAnswer(int status, const QString& data)
     reason_ = warnings.reason();
     cachedCount_ = 0;
     uncheckedCount_ = 0;
+    cancelledCount_ = 0;
     for (const ProductOutcome& outcome : outcomes) {
         cachedCount_ += outcome.source == QLatin1String("cache");
         uncheckedCount_ += outcome.source != QLatin1String("cache") && outcome.source != QLatin1String("service");
+        cancelledCount_ += outcome.source == QLatin1String("cancelled");
     }
     productCount_ = outcomes.size();
     busy_ = false;

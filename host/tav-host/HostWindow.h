@@ -27,6 +27,7 @@ class HostWindow : public QObject
     Q_PROPERTY(int productCount READ productCount NOTIFY stateChanged)
     Q_PROPERTY(int cachedCount READ cachedCount NOTIFY stateChanged)
     Q_PROPERTY(int uncheckedCount READ uncheckedCount NOTIFY stateChanged)
+    Q_PROPERTY(int cancelledCount READ cancelledCount NOTIFY stateChanged)
 public:
     // summary: where the window learns what happened to each product; without one, every
     // completed run counts as answered by the service.
@@ -66,6 +67,7 @@ public:
     int productCount() const { return productCount_; }
     int cachedCount() const { return cachedCount_; }
     int uncheckedCount() const { return uncheckedCount_; }
+    int cancelledCount() const { return cancelledCount_; }
 
 signals:
     void busyChanged();
@@ -95,6 +97,7 @@ private:
     int productCount_ = 0;
     int cachedCount_ = 0;
     int uncheckedCount_ = 0;
+    int cancelledCount_ = 0;
     bool busy_ = false;
     bool answered_ = false;
     bool firstShown_ = false;

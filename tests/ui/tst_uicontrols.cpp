@@ -86,6 +86,11 @@ private slots:
         banner("banner, cached and unchecked", {{"reason", "connection refused"}, {"productCount", 4}, {"cachedCount", 1},
                                                 {"uncheckedCount", 3}},
                {{"bannerDetail", "1 of 4 products is shown from the cache of an earlier check. 3 of 4 products are not checked."}});
+        // A cancel during the last product's request still completes the run.
+        banner("banner, cancelled under way", {{"reason", "the check was cancelled while the request was under way"}, {"productCount", 4},
+                                               {"uncheckedCount", 1}, {"cancelledCount", 1}},
+               {{"bannerHeadline", "The check was cancelled before every product was answered."},
+                {"bannerDetail", "1 of 4 products is not checked."}});
         banner("banner, the one product", {{"productCount", 1}, {"uncheckedCount", 1}},
                {{"bannerHeadline", "The service could not be reached."}, {"bannerDetail", "1 of 1 product is not checked."}});
     }

@@ -117,6 +117,7 @@ Window {
                 productCount: host.productCount
                 cachedCount: host.cachedCount
                 uncheckedCount: host.uncheckedCount
+                cancelledCount: host.cancelledCount
             }
 
             EmptyState {
