@@ -73,13 +73,19 @@ QByteArray CurlTransport::trustedCas()
         return {};
     if (extra != extraCas_ || trustedCas_.isEmpty()) {
         extraCas_ = extra;
-        // libcurl takes certificates from memory instead of its bundle, not besides it.
+        trustedCas_.clear();
+        // Certificates from memory replace libcurl's CA bundle but not its CA directory, which
+        // is read lazily, one hashed file per issuer. Only without a directory is the bundle
+        // itself added: parsing every system CA costs tens of milliseconds per connection.
         CURL* probe = curl_easy_init();
+        char* directory = nullptr;
         char* bundle = nullptr;
+        curl_easy_getinfo(probe, CURLINFO_CAPATH, &directory);
         curl_easy_getinfo(probe, CURLINFO_CAINFO, &bundle);
         QFile system(QString::fromLocal8Bit(bundle));
+        if (!directory && bundle && system.open(QIODevice::ReadOnly))
+            trustedCas_ = system.readAll() + '\n';
         curl_easy_cleanup(probe);
-        trustedCas_ = system.open(QIODevice::ReadOnly) ? system.readAll() + '\n' : QByteArray();
         for (const QSslCertificate& certificate : extra)
             trustedCas_ += certificate.toPem();
     }

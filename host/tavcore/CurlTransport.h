@@ -32,8 +32,8 @@ public:
     // Called from a reply's libcurl callbacks: the reply has news to tell once libcurl returns.
     void markPending(CurlReply* reply);
 
-    // The system's CA bundle plus the CA certificates the application added to Qt's default
-    // TLS configuration, in PEM; empty when it added none, so that libcurl uses its own.
+    // The CA certificates the application added to Qt's default TLS configuration, in PEM,
+    // to be trusted besides the system's; empty when it added none.
     QByteArray trustedCas();
 
 private:
