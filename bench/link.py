@@ -61,6 +61,12 @@ class Link:
     def curl(self):
         return self._counted(['curl', '-K', self.curl_cfg])
 
+    def transport(self):
+        argv = [os.path.join(self.bin_dir, 'bench_transport'), self.url, os.path.join(self.root, 'requests'), str(N)]
+        if self.certs:
+            argv.append(os.path.join(self.certs, 'ca.pem'))
+        return self._counted(argv, self.env)
+
     def fixed_cost(self):
         """tav-host's own start and end: a run over an empty database asks nothing."""
         empty = os.path.join(self.root, 'empty')
@@ -68,7 +74,9 @@ class Link:
         env = dict(self.env, HOME=empty, TAV_SYSTEM_DB_DIR=os.path.join(empty, 'sysdb'),
                    XDG_CACHE_HOME=os.path.join(empty, '.cache'))
         argv = [os.path.join(self.bin_dir, 'tav-host'), '--set', 'KepWebServiceUrl=' + self.url]
-        return statistics.median(timed(argv, env, empty)[0] for _ in range(5))
+        if self.certs:
+            argv += ['--ca-file', os.path.join(self.certs, 'ca.pem')]
+        return statistics.median(timed(argv, env, empty)[0] for _ in range(7))
 
     def close(self):
         stop(self.sim)
@@ -76,25 +84,23 @@ class Link:
 
 def main():
     bin_dir, work = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
-    rounds = 3 if '--quick' in sys.argv else 5
+    rounds = 3 if '--quick' in sys.argv else 6
     os.makedirs(work, exist_ok=True)
     certs = make_certs(work)
     rows = []
-    fixed = None
     for scheme, link_certs in (('HTTP', None), ('HTTPS', certs)):
         link = Link(bin_dir, os.path.join(work, scheme.lower()), link_certs)
-        if fixed is None:
-            fixed = link.fixed_cost()
+        fixed = link.fixed_cost()
         for rtt in RTTS:
             link.relay.set_rtt(rtt)
             link.ours()  # warm-up: the reply cache, the page cache
             link.curl()
-            got = {'ours': [], 'curl': []}
+            got = {'ours': [], 'curl': [], 'transport': []}
             for r in range(rounds):
-                pair = [link.curl, link.ours] if r % 2 == 0 else [link.ours, link.curl]
-                for run in pair:
+                order = [link.curl, link.ours, link.transport]
+                for run in order[r % 3:] + order[:r % 3]:
                     got[run.__name__].append(run())
-            rows.append((scheme, rtt, got))
+            rows.append((scheme, rtt, fixed, got))
         link.close()
 
     ms = lambda seconds: seconds * 1000
@@ -102,16 +108,19 @@ def main():
     print(f'{N} products, each direction of the relay delayed by RTT/2 (bench/delayrelay.py) in front of kep-sim '
           f'(`--tls` for HTTPS); {rounds} alternating rounds, medians, (min .. max) in brackets. Floor: '
           f'(N + 1) x RTT. Connections and TLS handshakes as the relay counted them in each run '
-          f'(tav-host / curl; every run the same unless a range is shown). tav-host\'s fixed cost (start, '
-          f'plug-in, exit; a run over an empty database): {fixed * 1000:.0f} ms; the last per-product column '
-          f'takes it out.\n')
-    print('| link | tav-host | curl | tav-host / curl | per product: tav-host, curl | per product, fixed cost out '
-          '| floor | connections | TLS handshakes |')
-    print('|---|---:|---:|---:|---:|---:|---:|---:|---:|')
-    for scheme, rtt, got in rows:
+          f'(tav-host / curl; every run the same unless a range is shown). "transport": bench_transport, the '
+          f'host\'s network access manager alone posting the same envelopes in one process, with its ratio '
+          f'to curl. "fixed cost out": tav-host\'s time less its fixed cost (start, plug-in, exit: a run over '
+          f'an empty database, given per link).\n')
+    print('| link | tav-host | curl | tav-host / curl | transport / curl | per product: tav-host, curl '
+          '| per product, fixed cost out | floor | connections | TLS handshakes |')
+    print('|---|---:|---:|---:|---:|---:|---:|---:|---:|---:|')
+    for scheme, rtt, fixed, got in rows:
         ours = [t for t, _, _ in got['ours']]
         curl = [t for t, _, _ in got['curl']]
+        transport = [t for t, _, _ in got['transport']]
         ratios = [o / c for o, c in zip(ours, curl)]
+        alone = [t / c for t, c in zip(transport, curl)]
 
         def counts(index):
             def span(runs):
@@ -122,9 +131,10 @@ def main():
         print(f'| {scheme}, RTT {rtt} ms | {ms(statistics.median(ours)):.0f} ms '
               f'({ms(min(ours)):.0f} .. {ms(max(ours)):.0f}) | {ms(statistics.median(curl)):.0f} ms '
               f'({ms(min(curl)):.0f} .. {ms(max(curl)):.0f}) | {statistics.median(ratios):.2f} '
-              f'({min(ratios):.2f} .. {max(ratios):.2f}) | {ms(statistics.median(ours)) / N:.1f} ms, '
-              f'{ms(statistics.median(curl)) / N:.1f} ms | {ms(statistics.median(ours) - fixed) / N:.1f} ms | '
-              f'{(N + 1) * rtt} ms | {counts(1)} | '
+              f'({min(ratios):.2f} .. {max(ratios):.2f}) | {statistics.median(alone):.2f} '
+              f'({min(alone):.2f} .. {max(alone):.2f}) | {ms(statistics.median(ours)) / N:.1f} ms, '
+              f'{ms(statistics.median(curl)) / N:.1f} ms | {ms(statistics.median(ours) - fixed) / N:.1f} ms '
+              f'(fixed {ms(fixed):.0f} ms) | {(N + 1) * rtt} ms | {counts(1)} | '
               f'{counts(2) if scheme == "HTTPS" else "-"} |')
     print()
 

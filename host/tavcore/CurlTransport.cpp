@@ -29,6 +29,7 @@ CurlTransport::CurlTransport(QObject* parent)
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_DNS);
     curl_share_setopt(share_, CURLSHOPT_SHARE, CURL_LOCK_DATA_SSL_SESSION);
     timer_.setSingleShot(true);
+    timer_.setTimerType(Qt::PreciseTimer); // libcurl's deadlines are short; a coarse timer may be 5 % late
     connect(&timer_, &QTimer::timeout, this, [this] { drive(CURL_SOCKET_TIMEOUT, 0); });
 }
 
