@@ -178,7 +178,7 @@ private slots:
     {
         QTest::addColumn<Answer>("respond");
         QTest::addColumn<int>("error");
-        QTest::addColumn<QString>("text"); // %1: the URL
+        QTest::addColumn<QString>("text"); // %1: the URL, %2: the host
         QTest::addColumn<QByteArray>("body");
         const QByteArray text = QByteArray("<product_info>") + QByteArray(20000, 'u') + "</product_info>";
         const QByteArray gzip = compressed(text, true), zlib = compressed(text, false);
@@ -225,6 +225,8 @@ private slots:
         row("not HTTP at all", send("SSH-2.0-OpenSSH_9.2\r\n\r\n"), 2, closed, "");
         row("reset before the answer", [](QTcpSocket* socket, const QByteArray&) { closeWithReset(socket); }, 2, closed, "");
         row("refused", nullptr, 1, "Connection refused", "");
+        // Asked in a network namespace of its own, so that the resolver's question cannot leave the machine.
+        row("unknown host", nullptr, 3, "Host %2 not found", "");
     }
     void answers()
     {
@@ -233,12 +235,27 @@ private slots:
         Peer peer;
         if (respond)
             peer.onRequest = respond;
-        const QString url = respond ? peer.url() : Peer().url(); // a port nobody listens on any more
+        const QString unknownHost = "kep-sim.invalid";
+        QString url = respond ? peer.url() : Peer().url(); // a port nobody listens on any more
+        if (QTest::currentDataTag() == QByteArray("unknown host")) {
+            if (!qEnvironmentVariableIsSet("KEP_NET_ISOLATED")) {
+                if (QProcess::execute("unshare", {"--net", "true"}) != 0)
+                    QSKIP("unshare --net is not permitted here");
+                QProcess child;
+                child.setProcessChannelMode(QProcess::ForwardedChannels);
+                child.start("unshare", {"--net", "env", "KEP_NET_ISOLATED=1", QCoreApplication::applicationFilePath(),
+                                        "answers:unknown host"});
+                QVERIFY(child.waitForFinished(60000));
+                QCOMPARE(child.exitCode(), 0);
+                return;
+            }
+            url = "http://" + unknownHost + "/kep";
+        }
         const Outcome got = post(url);
         QFETCH(QByteArray, body);
         QCOMPARE(got.finished, 1);
         QTEST(got.error, "error");
-        QCOMPARE(got.text, got.error ? text.arg(url) : QString("Unknown error"));
+        QCOMPARE(got.text, got.error ? text.replace("%1", url).replace("%2", unknownHost) : QString("Unknown error"));
         if (!body.isNull()) // null: whatever was decoded before the failure
             QCOMPARE(got.body, body);
         QVERIFY(peer.requests.size() <= 1); // never a second request: no redirect followed, no retry
