@@ -14,6 +14,9 @@ namespace {
 // What one readyRead() hands over of a compressed answer, so that a small body that inflates
 // to a huge one reaches its reader in pieces it can refuse, never in one allocation.
 constexpr int decodeSlice = 64 * 1024;
+// Header lines are kept until the reply goes; libcurl bounds each line, and their sum only since
+// 8.3 (or a distribution's backport). Real answers carry well under a kilobyte of them.
+constexpr qint64 headerBound = 256 * 1024;
 
 struct Failure
 {
@@ -164,7 +167,11 @@ void CurlReply::configure(QNetworkAccessManager::Operation operation, const QNet
 
 size_t CurlReply::onHeader(char* data, size_t size, size_t count, void* self)
 {
-    static_cast<CurlReply*>(self)->headerLine(QByteArray(data, int(size * count)));
+    auto* reply = static_cast<CurlReply*>(self);
+    reply->headerBytes_ += qint64(size * count);
+    if (reply->headerBytes_ > headerBound)
+        return 0; // libcurl ends the transfer
+    reply->headerLine(QByteArray(data, int(size * count)));
     return size * count;
 }
 
@@ -298,6 +305,8 @@ void CurlReply::complete(CURLcode result)
     long osError = 0;
     curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &osError);
     const QString detail = QString::fromLocal8Bit(curlError_[0] ? curlError_ : curl_easy_strerror(result));
+    if (headerBytes_ > headerBound)
+        return finish(ProtocolFailure, QStringLiteral("The answer's headers exceed %1 KB").arg(headerBound / 1024));
     if (connectStatus >= 300) {
         return finish(connectStatus == 407 ? ProxyAuthenticationRequiredError : UnknownProxyError,
                       QStringLiteral("The proxy refused the connection (status %1)").arg(connectStatus));

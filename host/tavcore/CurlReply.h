@@ -69,6 +69,7 @@ private:
     QByteArray buffer_;
     qint64 readAt_ = 0;
     qint64 received_ = 0;
+    qint64 headerBytes_ = 0;
     qint64 total_ = -1;
     bool newData_ = false;
 };

@@ -221,6 +221,10 @@ private slots:
         row("HTTP 418", send(answer("", "HTTP/1.1 418 I'm a teapot")), 302,
             "Error transferring %1 - server replied: I'm a teapot", "");
         row("HTTP 502", send(answer("", "HTTP/1.1 502 Bad Gateway")), 499, "Error transferring %1 - server replied: Bad Gateway", "");
+        QByteArray headers = "HTTP/1.1 200 OK\r\n";
+        while (headers.size() < (300 << 10))
+            headers += "X-Pad: " + QByteArray(1000, 'p') + "\r\n";
+        row("headers beyond bound", send(headers + "Content-Length: 2\r\n\r\nok"), 399, "The answer's headers exceed 256 KB", "");
         row("closed without a word", send({}), 2, closed, "");
         row("not HTTP at all", send("SSH-2.0-OpenSSH_9.2\r\n\r\n"), 2, closed, "");
         row("reset before the answer", [](QTcpSocket* socket, const QByteArray&) { closeWithReset(socket); }, 2, closed, "");
