@@ -63,6 +63,37 @@ bool isTlsFailure(CURLcode result)
     }
 }
 
+// What a failed transfer is to a QNetworkReply reader, in Qt's codes and texts where Qt has them.
+Failure transferFailure(CURLcode result, long osError, const QUrl& url, const QString& detail)
+{
+    switch (result) {
+    case CURLE_COULDNT_RESOLVE_HOST:
+        return {QNetworkReply::HostNotFoundError, QStringLiteral("Host %1 not found").arg(url.host())};
+    case CURLE_COULDNT_RESOLVE_PROXY:
+        return {QNetworkReply::ProxyNotFoundError, QStringLiteral("Proxy server not found: %1").arg(detail)};
+    case CURLE_COULDNT_CONNECT:
+        if (osError == ECONNREFUSED)
+            return {QNetworkReply::ConnectionRefusedError, QStringLiteral("Connection refused")};
+        if (osError == ETIMEDOUT)
+            return {QNetworkReply::TimeoutError, QStringLiteral("Connection timed out")};
+        return {QNetworkReply::UnknownNetworkError, detail};
+    case CURLE_OPERATION_TIMEDOUT:
+        return {QNetworkReply::TimeoutError, QStringLiteral("Socket operation timed out")};
+    case CURLE_GOT_NOTHING:
+    case CURLE_PARTIAL_FILE:
+    case CURLE_RECV_ERROR:
+    case CURLE_SEND_ERROR:
+    // Bytes that are no HTTP answer at all: for the reader the connection ended without one.
+    case CURLE_WEIRD_SERVER_REPLY:
+    case CURLE_UNSUPPORTED_PROTOCOL:
+        return {QNetworkReply::RemoteHostClosedError, QStringLiteral("Connection closed")};
+    case CURLE_URL_MALFORMAT:
+        return {QNetworkReply::ProtocolUnknownError, QStringLiteral("Invalid URL %1").arg(url.toString())};
+    default:
+        return {QNetworkReply::UnknownNetworkError, detail};
+    }
+}
+
 } // namespace
 
 CurlReply::CurlReply(CurlTransport* transport, QNetworkAccessManager::Operation operation, const QNetworkRequest& request,
@@ -300,13 +331,10 @@ void CurlReply::complete(CURLcode result)
         return finish(NoError, QString());
     }
 
-    long connectStatus = 0;
-    curl_easy_getinfo(easy_, CURLINFO_HTTP_CONNECTCODE, &connectStatus);
-    long osError = 0;
-    curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &osError);
-    const QString detail = QString::fromLocal8Bit(curlError_[0] ? curlError_ : curl_easy_strerror(result));
     if (headerBytes_ > headerBound)
         return finish(ProtocolFailure, QStringLiteral("The answer's headers exceed %1 KB").arg(headerBound / 1024));
+    long connectStatus = 0;
+    curl_easy_getinfo(easy_, CURLINFO_HTTP_CONNECTCODE, &connectStatus);
     if (connectStatus >= 300) {
         return finish(connectStatus == 407 ? ProxyAuthenticationRequiredError : UnknownProxyError,
                       QStringLiteral("The proxy refused the connection (status %1)").arg(connectStatus));
@@ -315,32 +343,11 @@ void CurlReply::complete(CURLcode result)
         logTlsFailure();
         return finish(SslHandshakeFailedError, QStringLiteral("SSL handshake failed"));
     }
-    switch (result) {
-    case CURLE_COULDNT_RESOLVE_HOST:
-        return finish(HostNotFoundError, QStringLiteral("Host %1 not found").arg(url().host()));
-    case CURLE_COULDNT_RESOLVE_PROXY:
-        return finish(ProxyNotFoundError, QStringLiteral("Proxy server not found: %1").arg(detail));
-    case CURLE_COULDNT_CONNECT:
-        if (osError == ECONNREFUSED)
-            return finish(ConnectionRefusedError, QStringLiteral("Connection refused"));
-        if (osError == ETIMEDOUT)
-            return finish(TimeoutError, QStringLiteral("Connection timed out"));
-        return finish(UnknownNetworkError, detail);
-    case CURLE_OPERATION_TIMEDOUT:
-        return finish(TimeoutError, QStringLiteral("Socket operation timed out"));
-    case CURLE_GOT_NOTHING:
-    case CURLE_PARTIAL_FILE:
-    case CURLE_RECV_ERROR:
-    case CURLE_SEND_ERROR:
-    // Bytes that are no HTTP answer at all: for the reader the connection ended without one.
-    case CURLE_WEIRD_SERVER_REPLY:
-    case CURLE_UNSUPPORTED_PROTOCOL:
-        return finish(RemoteHostClosedError, QStringLiteral("Connection closed"));
-    case CURLE_URL_MALFORMAT:
-        return finish(ProtocolUnknownError, QStringLiteral("Invalid URL %1").arg(url().toString()));
-    default:
-        return finish(UnknownNetworkError, detail);
-    }
+    long osError = 0;
+    curl_easy_getinfo(easy_, CURLINFO_OS_ERRNO, &osError);
+    const QString detail = QString::fromLocal8Bit(curlError_[0] ? curlError_ : curl_easy_strerror(result));
+    const Failure failure = transferFailure(result, osError, url(), detail);
+    finish(failure.code, failure.text);
 }
 
 void CurlReply::logTlsFailure() const
