@@ -146,7 +146,8 @@ void CurlReply::configure(QNetworkAccessManager::Operation operation, const QNet
     curl_easy_setopt(easy_, CURLOPT_WRITEDATA, this);
     trustedCas_ = transport_ ? transport_->trustedCas() : QByteArray();
     if (!trustedCas_.isEmpty()) {
-        curl_blob blob{trustedCas_.data(), size_t(trustedCas_.size()), CURL_BLOB_NOCOPY};
+        // Not copied: the reply holds the bytes as long as libcurl may read them.
+        curl_blob blob{const_cast<char*>(trustedCas_.constData()), size_t(trustedCas_.size()), CURL_BLOB_NOCOPY};
         curl_easy_setopt(easy_, CURLOPT_CAINFO_BLOB, &blob);
     }
 
@@ -178,7 +179,11 @@ void CurlReply::configure(QNetworkAccessManager::Operation operation, const QNet
         curl_easy_setopt(easy_, CURLOPT_POSTFIELDS, body_.constData());
         curl_easy_setopt(easy_, CURLOPT_POSTFIELDSIZE_LARGE, curl_off_t(body_.size()));
     }
+    setHeaders(request);
+}
 
+void CurlReply::setHeaders(const QNetworkRequest& request)
+{
     const QList<QByteArray> names = request.rawHeaderList();
     for (const QByteArray& name : names) {
         if (name.compare("Content-Length", Qt::CaseInsensitive) == 0)

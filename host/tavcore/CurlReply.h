@@ -44,6 +44,7 @@ private:
     enum class State { Running, Finished };
 
     void configure(QNetworkAccessManager::Operation operation, const QNetworkRequest& request);
+    void setHeaders(const QNetworkRequest& request);
     static size_t onHeader(char* data, size_t size, size_t count, void* self);
     static size_t onBody(char* data, size_t size, size_t count, void* self);
     void headerLine(const QByteArray& line);
