@@ -31,6 +31,9 @@ out="$tmp/report.md"
 echo "bench: end to end, scaling, memory (bench/e2e.py)" >&2
 python3 "$root/bench/e2e.py" "$bin" "$tmp/e2e" "${quick[@]}" | tee -a "$out"
 
+echo "bench: over a link, through a delay relay (bench/link.py)" >&2
+python3 "$root/bench/link.py" "$bin" "$tmp/link" "${quick[@]}" | tee -a "$out"
+
 echo "bench: cancel latency in one process (bench_cancel)" >&2
 {
     echo "### Cancel latency, in one process"
