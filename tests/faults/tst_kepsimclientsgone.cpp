@@ -32,39 +32,39 @@ private slots:
     {
         QFETCH(QStringList, arguments);
         QProcess sim;
-        sim.start(KEP_SIM_PATH, QStringList{"--fixtures", KEP_FIXTURES_DIR, "--port", "0", "--delay-ms", "200"} + arguments);
+        sim.start(KEP_SIM_PATH, QStringList{"--fixtures", KEP_FIXTURES_DIR, "--port", "0", "--delay-ms", "20"} + arguments);
         QByteArray url;
         while (!url.startsWith("kep-sim listening on ") && sim.waitForReadyRead(10000))
             url = sim.readLine().trimmed();
         const QUrl address(QString::fromUtf8(url.mid(21)));
         QVERIFY2(address.port() > 0, url.constData());
 
-        QByteArray log;
-        const auto logged = [&sim, &log](const QByteArray& what) { return (log += sim.readAllStandardError()).count(what); };
-        const int rounds = 6;
-        for (int round = 0; round < rounds; ++round) {
-            QTcpSocket clients[3];
-            for (QTcpSocket& client : clients) {
-                client.connectToHost(QHostAddress::LocalHost, quint16(address.port()));
-                QVERIFY(client.waitForConnected(5000));
-                client.write(request);
-                QVERIFY(client.waitForBytesWritten(5000));
-            }
-            // Gone once the server has the questions: closed, or reset.
-            QTRY_COMPARE_WITH_TIMEOUT(logged("kep-sim: mediaID="), 3 * (round + 1), 10000);
-            clients[0].disconnectFromHost();
-            clients[1].close();
-            clients[2].abort();
+        // Each client goes away at another moment around the answer's delay, closing or
+        // resetting: some before the server reads the question, most while the answer waits,
+        // some after it was sent.
+        const int clients = 300;
+        QTcpSocket sockets[clients];
+        int gone = 0;
+        for (int i = 0; i < clients; ++i) {
+            QTcpSocket& client = sockets[i];
+            client.connectToHost(QHostAddress::LocalHost, quint16(address.port()));
+            client.write(request);
+            QTimer::singleShot(i % 40, &client, [&client, &gone, i] {
+                if (i % 2)
+                    client.abort();
+                else
+                    client.disconnectFromHost();
+                ++gone;
+            });
         }
-        QTRY_COMPARE_WITH_TIMEOUT(logged("the client went away before the delayed answer"), 3 * rounds, 10000);
-        QCOMPARE(sim.state(), QProcess::Running);
-
-        // And the next client is answered.
+        QTRY_COMPARE_WITH_TIMEOUT(gone, clients, 10000);
+        // The next client is answered (even the reset comes after the header), which is after
+        // every earlier delayed answer was due.
         QTcpSocket next;
         next.connectToHost(QHostAddress::LocalHost, quint16(address.port()));
-        QVERIFY(next.waitForConnected(5000));
         next.write(request);
-        QTRY_VERIFY_WITH_TIMEOUT(next.bytesAvailable() > 0 || next.state() != QAbstractSocket::ConnectedState, 10000);
+        QTRY_VERIFY_WITH_TIMEOUT(next.bytesAvailable() > 0 || next.state() == QAbstractSocket::UnconnectedState, 10000);
+        QVERIFY2(next.peek(9) == "HTTP/1.1 ", qPrintable(sim.readAllStandardError().right(300)));
         QCOMPARE(sim.state(), QProcess::Running);
         sim.kill();
         sim.waitForFinished();
