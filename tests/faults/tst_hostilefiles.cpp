@@ -72,7 +72,7 @@ private slots:
         row("profile is a socket", "pf", "socket", unreadableProfile, 2);
         row("profile links to /dev/zero", "pf", "zero", unreadableProfile, 2);
         row("profile of 2 GB", "pf", "huge", refusedProfile.arg("file larger than 1048576 bytes"), 2);
-        row("profile just within the bound", "pf", "bound", "", 2);
+        row("profile of exactly 1 MiB", "pf", "bound", "", 2);
         row("profile with nested entities", "pf", "laughs", "2 LocalDataBaseManager: openXML: ERROR: failed to read: ", 2);
         row("properties links to a FIFO", "properties", "fifo link", unreadableProperties, 1);
         row("properties links to /dev/zero", "properties", "zero", unreadableProperties, 1);
@@ -105,8 +105,8 @@ private slots:
         if (kind == "nested")
             QVERIFY(TestDb::writeFile(hostile, open + QByteArray("<a>").repeated(40000) + QByteArray("</a>").repeated(40000)
                                                    + "</profile></profiles>"));
-        else if (kind == "bound") // flat, a byte short of the bound
-            QVERIFY(TestDb::writeFile(hostile, open + QByteArray("<b/>").repeated(262100).leftJustified(1048576 - 22 - open.size(), ' ')
+        else if (kind == "bound") // flat, exactly the bound
+            QVERIFY(TestDb::writeFile(hostile, open + QByteArray("<b/>").repeated(262100).leftJustified(1048576 - 21 - open.size(), ' ')
                                                    + "</profile></profiles>"));
         else if (kind == "laughs")
             QVERIFY(TestDb::writeFile(hostile, "<!DOCTYPE p [<!ENTITY a \"aaaaaaaaaaaaaaaa\"><!ENTITY b \"&a;&a;&a;&a;&a;&a;&a;&a;\">"
