@@ -38,7 +38,7 @@ public:
     {
         if (args.value(0) == QLatin1String("save-forever")) {
             for (int i = 0;; ++i) {
-                if (setValue("g", "OwnerProductCode", std::string(256 << 10, i % 2 ? 'b' : 'a').c_str(), 0) != 0)
+                if (setValue("g", "OwnerProductCode", std::string(16 << 10, i % 2 ? 'b' : 'a').c_str(), 0) != 0)
                     return 1;
                 printf("saved\n");
                 fflush(stdout);
@@ -231,7 +231,7 @@ private slots:
             }
             writer.kill();
             QVERIFY(writer.waitForFinished(10000));
-            QVERIFY2(value() == QString(256 << 10, 'a') || value() == QString(256 << 10, 'b'), qPrintable(value().left(20)));
+            QVERIFY2(value() == QString(16 << 10, 'a') || value() == QString(16 << 10, 'b'), qPrintable(value().left(20)));
             leftBehind += TestDb::entries(db.path()).size() - 1;
         }
         qInfo("temporary files left by 30 killed writers: %d", leftBehind);
