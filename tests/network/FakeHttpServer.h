@@ -10,11 +10,11 @@
 #include <sys/socket.h>
 
 // An HTTP peer on 127.0.0.1, port 0: reads each whole request, records it and answers with
-// canned bytes, then closes, resets the connection or stays silent.
+// canned bytes, then closes or resets the connection, or stays silent before or after answering.
 class FakeHttpServer : public QTcpServer
 {
 public:
-    enum Ending { Close, Reset, Silent };
+    enum Ending { Close, Reset, Silent, Stall };
     explicit FakeHttpServer(const QByteArray& answer = {}, Ending ending = Close) : answer_(answer), ending_(ending)
     {
         listen(QHostAddress::LocalHost, 0);
@@ -50,6 +50,8 @@ protected:
             if (ending_ == Silent)
                 return;
             socket->write(answer_);
+            if (ending_ == Stall)
+                return;
             if (ending_ == Close)
                 return socket->disconnectFromHost();
             socket->flush();
