@@ -31,6 +31,8 @@ public:
 
     QList<QByteArray> requests;
     std::function<void()> onRequest = [] {};
+    // More of the body after the canned bytes, as the peer takes it, until it gives nothing.
+    std::function<QByteArray()> more;
 
 protected:
     void incomingConnection(qintptr descriptor) override
@@ -50,6 +52,8 @@ protected:
             if (ending_ == Silent)
                 return;
             socket->write(answer_);
+            if (more)
+                return stream(socket);
             if (ending_ == Stall)
                 return;
             if (ending_ == Close)
@@ -62,6 +66,20 @@ protected:
     }
 
 private:
+    // Keeps about a megabyte queued, so that an endless body costs this process nothing.
+    void stream(QTcpSocket* socket)
+    {
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        connect(socket, &QTcpSocket::bytesWritten, socket, [this, socket] {
+            while (socket->state() == QAbstractSocket::ConnectedState && socket->bytesToWrite() < (1 << 20)) {
+                const QByteArray piece = more();
+                if (piece.isEmpty())
+                    return socket->disconnectFromHost();
+                socket->write(piece);
+            }
+        });
+    }
+
     QByteArray answer_;
     Ending ending_;
 };
