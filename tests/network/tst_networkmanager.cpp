@@ -113,6 +113,8 @@ private slots:
         QTest::newRow("table") << "<TABLE><tr><td colspan=9>x" << "Answer markup holds a table, refused";
         QTest::newRow("cell alone") << "<td>x" << "Answer markup holds a table, refused";
         QTest::newRow("style sheet") << "<style>p{color:red}</style><p>x" << "Answer markup holds a style sheet, refused";
+        QTest::newRow("style attribute") << "<p class=x STYLE = \"color:red\">x" << "Answer markup holds a style attribute, refused";
+        QTest::newRow("a word that is no attribute") << "<p>style = x</p><p title=style>" << "";
         QTest::newRow("link, no GUI application") << "<a href=x>y</a>" << "Answer markup holds a link, refused";
         QTest::newRow("4 MiB") << QString(4 << 20, 'x') << "";
         QTest::newRow("4 MiB and one") << QString((4 << 20) + 1, 'x') << "Answer larger than 4194304 bytes, refused";
