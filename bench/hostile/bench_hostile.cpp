@@ -6,6 +6,7 @@
 // usage: bench_hostile [--quick]
 
 #include "BenchStats.h"
+#include "CancelledRun.h"
 
 #include "../../tests/network/FakeHttpServer.h"
 #include "localdb/KepKeys.h"
@@ -63,10 +64,15 @@ QString soap(const QString& payload)
 QString manyMessages()
 {
     QString updates, news;
-    for (int id = 1; soap(updates + news).size() + 300 < bound; ++id) {
-        updates += QStringLiteral("<update><id>%1</id><update_id>%1</update_id><related_updates><id>%2</id></related_updates></update>")
-                       .arg(id).arg(id + 1);
-        news += QStringLiteral("<message><id>%1</id><title>t</title></message>").arg(id);
+    // Escaped, the way it goes into the envelope.
+    for (int id = 1, size = soap(QString()).size() + 400; size < bound; ++id) {
+        const QString update =
+            QStringLiteral("<update><id>%1</id><update_id>%1</update_id><related_updates><id>%2</id></related_updates></update>")
+                .arg(id).arg(id + 1);
+        const QString message = QStringLiteral("<message><id>%1</id><title>t</title></message>").arg(id);
+        size += update.toHtmlEscaped().size() + message.toHtmlEscaped().size();
+        updates += update;
+        news += message;
     }
     return soap(QStringLiteral("<product_info><return_code>0</return_code><format>2.0</format><updates>") + updates
                 + QStringLiteral("</updates><product_news>") + news + QStringLiteral("</product_news></product_info>"));
@@ -171,32 +177,11 @@ void timeCancel(const QString& worst, int tries)
     QVector<double> latencies;
     for (int i = 0; i < tries; ++i) {
         answered.store(false);
-        QElapsedTimer sinceCancel;
-        std::atomic<bool> done{false};
-        double latency = 0;
-        QEventLoop loop;
-        auto* runner = new QObject;
-        runner->moveToThread(&worker);
-        QMetaObject::invokeMethod(runner, [&, runner] {
-            QString data;
-            plugin.getData(data);
-            latency = sinceCancel.nsecsElapsed() / 1e6;
-            done.store(true);
-            runner->deleteLater();
-            QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection);
-        });
-        QThread* canceller = QThread::create([&] {
+        int status = -1;
+        latencies.append(KepBench::cancelledRunMs(plugin, worker, [](const std::atomic<bool>& done) {
             while (!answered.load() && !done.load())
                 QThread::usleep(100);
-            sinceCancel.start();
-            plugin.cancelCurrentAction();
-        });
-        canceller->start();
-        if (!done.load())
-            loop.exec();
-        canceller->wait();
-        delete canceller;
-        latencies.append(latency);
+        }, &status));
     }
     worker.quit();
     worker.wait();
@@ -210,10 +195,8 @@ void timeCancel(const QString& worst, int tries)
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (qEnvironmentVariableIsEmpty("TAV_SYSTEM_DB_DIR")) {
-        std::fprintf(stderr, "bench_hostile: run through bench/run.sh (needs a temporary HOME and TAV_SYSTEM_DB_DIR)\n");
+    if (!KepBench::inTemporaryEnvironment("bench_hostile"))
         return 64;
-    }
     const bool quick = app.arguments().contains(QStringLiteral("--quick"));
     // Above every line's level: the parser quotes what it cannot read, megabytes here.
     TavCoreShared::TavLogger::Logger::instance()->setLogLevel(3);
