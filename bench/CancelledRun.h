@@ -25,18 +25,37 @@ inline bool inTemporaryEnvironment(const char* program)
     return false;
 }
 
-// One getData on `worker`, cancelled once `waitForMoment(done)` returns in a third thread (`done`
+// The plug-in initialised in this, the main, thread, and the worker thread getData runs on.
+struct HostThreads
+{
+    HostThreads()
+    {
+        plugin.initialize();
+        worker.start();
+    }
+    ~HostThreads()
+    {
+        worker.quit();
+        worker.wait();
+    }
+    Q_DISABLE_COPY(HostThreads)
+    KepPlugin::KepDataProviderPlugin plugin;
+    QThread worker;
+};
+
+// One getData on the worker, cancelled once `waitForMoment(done)` returns in a third thread (`done`
 // tells it that getData has returned already); milliseconds from the cancel call to getData's
 // return, and getData's status in `status`.
 template<typename Wait>
-double cancelledRunMs(KepPlugin::KepDataProviderPlugin& plugin, QThread& worker, Wait waitForMoment, int* status)
+double cancelledRunMs(HostThreads& host, Wait waitForMoment, int* status)
 {
+    KepPlugin::KepDataProviderPlugin& plugin = host.plugin;
     using Clock = std::chrono::steady_clock;
     std::atomic<bool> done{false};
     Clock::time_point returned, cancelled;
     QEventLoop loop;
     auto* runner = new QObject;
-    runner->moveToThread(&worker);
+    runner->moveToThread(&host.worker);
     QMetaObject::invokeMethod(runner, [&, runner] {
         QString data;
         *status = plugin.getData(data);

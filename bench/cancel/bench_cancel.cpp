@@ -92,17 +92,14 @@ int main(int argc, char** argv)
     // Level 0 so that the line announcing the request is emitted; the handler only looks at it.
     TavCoreShared::TavLogger::Logger::instance()->setLogLevel(0);
     qInstallMessageHandler(watchLog);
+    KepBench::HostThreads host;
 
-    KepDataProviderPlugin plugin;
-    plugin.initialize();
-    QThread worker;
-    worker.start();
     QVector<double> latencies;
     std::set<int> statuses;
     for (int i = 0; i < tries; ++i) {
         asking.store(false);
         int status = -1;
-        latencies.append(KepBench::cancelledRunMs(plugin, worker, [](const std::atomic<bool>& done) {
+        latencies.append(KepBench::cancelledRunMs(host, [](const std::atomic<bool>& done) {
             while (!asking.load() && !done.load())
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             // Long enough for the request to be written and waiting on the simulator.
@@ -110,8 +107,6 @@ int main(int argc, char** argv)
         }, &status));
         statuses.insert(status);
     }
-    worker.quit();
-    worker.wait();
     qInstallMessageHandler(nullptr);
     sim.terminate();
     sim.waitForFinished(3000);

@@ -170,21 +170,16 @@ void timeCancel(const QString& worst, int tries)
     FakeHttpServer::useService(server.url());
     TavCoreShared::TavLogger::Logger::instance()->setLogLevel(0);
     qInstallMessageHandler(watchLog);
-    KepDataProviderPlugin plugin;
-    plugin.initialize();
-    QThread worker;
-    worker.start();
+    KepBench::HostThreads host;
     QVector<double> latencies;
     for (int i = 0; i < tries; ++i) {
         answered.store(false);
         int status = -1;
-        latencies.append(KepBench::cancelledRunMs(plugin, worker, [](const std::atomic<bool>& done) {
+        latencies.append(KepBench::cancelledRunMs(host, [](const std::atomic<bool>& done) {
             while (!answered.load() && !done.load())
                 QThread::usleep(100);
         }, &status));
     }
-    worker.quit();
-    worker.wait();
     qInstallMessageHandler(nullptr);
     std::printf("COMPARE cancel during the slowest answer's clean-up, %d tries: median %.0f ms, max %.0f ms\n", tries,
                 KepBench::median(latencies), KepBench::maximum(latencies));
