@@ -13,6 +13,8 @@ BoundedReplyReader::BoundedReplyReader(QNetworkReply* reply, qint64 limit)
     : reply_(reply)
     , limit_(limit)
 {
+    if (!reply_)
+        return;
     reply_->setReadBufferSize(readAheadBytes);
     connect(reply_, &QNetworkReply::metaDataChanged, this, &BoundedReplyReader::checkAnnouncedLength);
     connect(reply_, &QIODevice::readyRead, this, &BoundedReplyReader::readAvailable);
@@ -34,7 +36,7 @@ QString BoundedReplyReader::overLimitText() const
 void BoundedReplyReader::readAvailable()
 {
     // One byte past the bound is enough to know; the rest stays unread until the abort drops it.
-    while (!overLimit_ && reply_->bytesAvailable() > 0) {
+    while (reply_ && !overLimit_ && reply_->bytesAvailable() > 0) {
         body_ += reply_->read(limit_ + 1 - body_.size());
         if (body_.size() > limit_)
             refuse();

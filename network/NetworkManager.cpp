@@ -159,7 +159,7 @@ void NetworkManager::sendRequestToKep(QNetworkRequest request, QByteArray& data)
         replyText_ = cache->data(cacheKey);
         // An entry stored before these limits would otherwise stall every run without the service.
         const QString refusal = MarkupGuard::refusal(replyText_);
-        if (!replyText_.isEmpty() && !refusal.isEmpty()) {
+        if (!refusal.isEmpty()) {
             KEP_LOG(2) << QStringLiteral("NetworkManager::sendRequestToKep: cached data refused: %1").arg(refusal);
             replyText_.clear();
         }
