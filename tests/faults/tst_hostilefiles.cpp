@@ -135,7 +135,7 @@ private slots:
         const QString err = QString::fromUtf8(host.readAllStandardError());
         const QByteArray out = host.readAllStandardOutput();
         QVERIFY2(host.exitStatus() == QProcess::NormalExit && host.exitCode() == 0, qPrintable(err.right(2000)));
-        QVERIFY2(err.contains(QString("summary: %1 products asked").arg(asked)), qPrintable(err));
+        QVERIFY2(err.contains(QString("summary: %1 %2 asked").arg(asked).arg(asked == 1 ? "product" : "products")), qPrintable(err));
         QVERIFY2(err.contains("(service " + QString::number(asked) + ", cache 0, none 0, cancelled 0)"), qPrintable(err));
         QVERIFY2(line.isEmpty() || ("\n" + err).contains("\n" + line.replace("%1", base)), qPrintable(err.left(3000)));
         // The healthy product's two; the legacy one's when its profile is read.
