@@ -1,4 +1,5 @@
 #include "../network/FakeHttpServer.h"
+#include "HostLimits.h"
 #include "KepSimProcess.h"
 #include "TestDb.h"
 
@@ -73,7 +74,8 @@ class TestHostileAnswers : public QObject
     Result run(const QString& url)
     {
         QProcess host;
-        host.start("prlimit", {"--as=536870912", "--", "env", "HOME=" + root_.path() + "/home", "TAV_SYSTEM_DB_DIR=" + root_.path() + "/sysdb",
+        const QStringList limits = hostLimits(60);
+        host.start(limits.first(), limits.mid(1) + QStringList{"env", "HOME=" + root_.path() + "/home", "TAV_SYSTEM_DB_DIR=" + root_.path() + "/sysdb",
                                "XDG_CACHE_HOME=" + root_.path() + "/home/.cache", TAV_HOST_PATH, "--set", "KepWebServiceUrl=" + url, "--summary"});
         QSignalSpy finished(&host, SIGNAL(finished(int, QProcess::ExitStatus)));
         const bool onTime = finished.wait(30000) || finished.count() > 0;

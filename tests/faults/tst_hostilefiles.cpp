@@ -1,3 +1,4 @@
+#include "HostLimits.h"
 #include "KepSimProcess.h"
 #include "TestDb.h"
 
@@ -9,13 +10,7 @@
 
 namespace {
 
-// Far above what a run needs, far below what the 32-bit host has; the sanitizers reserve
-// terabytes of address space up front, so under them only the time is limited.
-#if defined(__SANITIZE_ADDRESS__) || defined(__SANITIZE_THREAD__)
-const QStringList limits{"timeout", "60"};
-#else
-const QStringList limits{"timeout", "60", "prlimit", "--as=536870912"};
-#endif
+const QStringList limits = hostLimits(60);
 
 const QString unreadableProfile = "2 LocalDataBaseManager: openXML: cannot open file for reading:  \"%1.pf\"";
 const QString unreadableProperties = "2 LocalDataBaseManager::convertFncProductEntry: found guid is not valid:  \"\"";
