@@ -44,6 +44,7 @@ fi
 mkdir -p "$HOME/vasko/tav/db"
 printf '[General]\nMediaID=MEDIA-TOOLS-2013\nUpdateID=310\n' >"$HOME/vasko/tav/db/{INSTALLED}.ini"
 printf 'ProductCode={LEGACY}\nProductName=Legacy\nVersion=1\n' >"$HOME/vasko/tav/db/{LEGACY}.properties"
+: >"$prefix/sim.out"
 "$prefix/bin/kep-sim" --fixtures "$prefix/share/kep/examples/service" --port 0 >"$prefix/sim.out" &
 sim_pid=$!
 url=""

@@ -15,7 +15,10 @@ fail() { echo "fresh-install: $*" >&2; exit 1; }
 [ "$(id -u)" -eq 0 ] || fail "needs root (debootstrap, chroot)"
 ls "$dist"/*_amd64.deb >/dev/null 2>&1 || fail "no amd64 packages in $dist (./dev package)"
 if [ ! -x "$base/usr/bin/apt-get" ]; then
-    command -v debootstrap >/dev/null || fail "needs debootstrap (apt-get install debootstrap)"
+    if ! command -v debootstrap >/dev/null; then
+        apt-get update -q >/dev/null
+        DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends debootstrap >/dev/null
+    fi
     echo "fresh-install: making the Debian 12 base in $base (once)..." >&2
     rm -rf --one-file-system "$base.tmp"
     debootstrap --arch=amd64 --variant=minbase bookworm "$base.tmp" "$mirror" >/dev/null
@@ -49,11 +52,20 @@ snapshot() {
         -o ! -type d -print | sort
 }
 
+install() {
+    in_root sh -c 'apt-get install -y -q ./debs/*.deb' >"$root/tmp/install.log" ||
+        { cat "$root/tmp/install.log"; fail "apt-get install failed"; }
+}
+purge() { in_root apt-get purge -y -q "${packages[@]}" >/dev/null; }
 in_root apt-get update -q >/dev/null
+# The first installation brings the dependencies, whose own set-up stays; the system with them
+# and without the packages is the one the purge must give back.
+install
+purge
 snapshot >"$root/tmp/before"
-in_root sh -c 'apt-get install -y -q ./debs/*.deb' >"$root/tmp/install.log" || { cat "$root/tmp/install.log"; fail "apt-get install failed"; }
+install
 in_root dpkg-query -W "${packages[@]}"
-for package in "${packages[@]}"; do in_root dpkg -L "$package"; done | sort -u >"$root/tmp/ours"
+for package in "${packages[@]}"; do in_root dpkg -L "$package"; done | sort -u >"$root/tmp/listed"
 
 # The demo: the bundled product database in a temporary home and system database, the
 # simulator on a free loopback port, one run of the installed host with its default plug-in.
@@ -64,6 +76,7 @@ export HOME=/tmp/demo/home TAV_SYSTEM_DB_DIR=/tmp/demo/sysdb QT_QPA_PLATFORM=off
 mkdir -p "$HOME/vasko/tav/db" "$TAV_SYSTEM_DB_DIR"
 cp "$examples"/db/user/* "$HOME/vasko/tav/db/"
 cp "$examples"/db/system/* "$TAV_SYSTEM_DB_DIR/"
+: >/tmp/demo/sim.out
 kep-sim --fixtures "$examples/service" --port 0 >/tmp/demo/sim.out 2>&1 &
 sim=$!
 trap 'kill $sim 2>/dev/null' EXIT
@@ -84,14 +97,17 @@ man -w tav-host kep-sim 2>/dev/null || zcat /usr/share/man/man1/tav-host.1.gz | 
 DEMO
 in_root bash /tmp/demo.sh || fail "the demo did not run from the installed packages"
 
-in_root apt-get purge -y -q "${packages[@]}" >/dev/null
-in_root apt-get autoremove --purge -y -q >/dev/null
-snapshot >"$root/tmp/after"
-left=$(while read -r path; do [ -e "$root$path" ] || [ -L "$root$path" ] && [ ! -d "$root$path" ] && echo "$path"; done <"$root/tmp/ours" || true)
+while read -r path; do
+    [ -d "$root$path" ] && [ ! -L "$root$path" ] || echo "$path"
+done <"$root/tmp/listed" | sort >"$root/tmp/ours"
+[ -s "$root/tmp/ours" ] || fail "dpkg listed no files of the packages"
+purge
+snapshot >"$root/tmp/purged"
+left=$(comm -12 "$root/tmp/ours" "$root/tmp/purged")
 [ -z "$left" ] || fail "left behind by the purge: $left"
-for dir in /usr/lib/x86_64-linux-gnu/tav /usr/share/kep /usr/share/doc/kep-tools; do
+changed=$(diff "$root/tmp/before" "$root/tmp/purged" || true)
+[ -z "$changed" ] || fail "the system differs after the purge: $changed"
+for dir in /usr/lib/x86_64-linux-gnu/tav /usr/share/kep /usr/share/doc/kep-tools /usr/share/doc/tav-plugin-kep; do
     [ ! -e "$root$dir" ] || fail "left behind by the purge: $dir"
 done
-extra=$(comm -13 "$root/tmp/before" "$root/tmp/after")
-[ -z "$extra" ] || fail "files that were not there before: $extra"
-echo "fresh-install: installed, ran the demo and purged without a trace (${packages[*]})"
+echo "fresh-install: installed, ran the demo and purged without a trace ($(wc -l <"$root/tmp/ours") files of ${packages[*]})"
