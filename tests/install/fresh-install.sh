@@ -7,44 +7,16 @@
 #   tests/install/fresh-install.sh [DIST-DIR]      default: dist
 set -euo pipefail
 dist=$(cd "${1:-dist}" && pwd)
-base=/var/tmp/kep-install-base-amd64
-mirror=http://deb.debian.org/debian
 packages=(kep-tools tav-plugin-kep libtavcore.shared1 libtav.dataprovider.kep.regtool1)
 fail() { echo "fresh-install: $*" >&2; exit 1; }
-
 [ "$(id -u)" -eq 0 ] || fail "needs root (debootstrap, chroot)"
 ls "$dist"/*_amd64.deb >/dev/null 2>&1 || fail "no amd64 packages in $dist (./dev package)"
-if [ ! -x "$base/usr/bin/apt-get" ]; then
-    if ! command -v debootstrap >/dev/null; then
-        apt-get update -q >/dev/null
-        DEBIAN_FRONTEND=noninteractive apt-get install -y -q --no-install-recommends debootstrap >/dev/null
-    fi
-    echo "fresh-install: making the Debian 12 base in $base (once)..." >&2
-    rm -rf --one-file-system "$base.tmp"
-    debootstrap --arch=amd64 --variant=minbase bookworm "$base.tmp" "$mirror" >/dev/null
-    rm -f "$base.tmp"/var/cache/apt/archives/*.deb
-    mv "$base.tmp" "$base"
-fi
+source "$(dirname "$0")/../../tools/debian-root.sh"
 
-root=$(mktemp -d /var/tmp/kep-install.XXXXXX)
-cleanup() {
-    for m in dev/pts dev proc; do
-        if mountpoint -q "$root/$m"; then umount -l "$root/$m"; fi
-    done
-    rm -rf --one-file-system "$root"
-}
-trap cleanup EXIT
-cp -a "$base/." "$root/"
-cp /etc/resolv.conf "$root/etc/resolv.conf"
+debian_root_base amd64 /var/tmp/kep-install-base-amd64
+debian_root_enter /var/tmp/kep-install-base-amd64
 mkdir -p "$root/debs"
 cp "$dist"/*_amd64.deb "$root/debs/"
-mount -t proc proc "$root/proc"
-mount --bind /dev "$root/dev"
-mount --bind /dev/pts "$root/dev/pts"
-in_root() {
-    chroot "$root" /usr/bin/env -i HOME=/root LANG=C.UTF-8 DEBIAN_FRONTEND=noninteractive \
-        PATH=/usr/sbin:/usr/bin:/sbin:/bin "$@"
-}
 # Every file and link of the system, apart from the package manager's own state and caches.
 snapshot() {
     in_root find / -xdev \( -path /proc -o -path /dev -o -path /tmp -o -path /debs -o -path /root \
@@ -52,18 +24,18 @@ snapshot() {
         -o ! -type d -print | sort
 }
 
-install() {
+install_packages() {
     in_root sh -c 'apt-get install -y -q ./debs/*.deb' >"$root/tmp/install.log" ||
         { cat "$root/tmp/install.log"; fail "apt-get install failed"; }
 }
-purge() { in_root apt-get purge -y -q "${packages[@]}" >/dev/null; }
+purge_packages() { in_root apt-get purge -y -q "${packages[@]}" >/dev/null; }
 in_root apt-get update -q >/dev/null
 # The first installation brings the dependencies, whose own set-up stays; the system with them
 # and without the packages is the one the purge must give back.
-install
-purge
+install_packages
+purge_packages
 snapshot >"$root/tmp/before"
-install
+install_packages
 in_root dpkg-query -W "${packages[@]}"
 for package in "${packages[@]}"; do in_root dpkg -L "$package"; done | sort -u >"$root/tmp/listed"
 
@@ -101,7 +73,7 @@ while read -r path; do
     [ -d "$root$path" ] && [ ! -L "$root$path" ] || echo "$path"
 done <"$root/tmp/listed" | sort >"$root/tmp/ours"
 [ -s "$root/tmp/ours" ] || fail "dpkg listed no files of the packages"
-purge
+purge_packages
 snapshot >"$root/tmp/purged"
 left=$(comm -12 "$root/tmp/ours" "$root/tmp/purged")
 [ -z "$left" ] || fail "left behind by the purge: $left"
