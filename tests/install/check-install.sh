@@ -28,8 +28,8 @@ if is_on "$manpages"; then
 fi
 rm -f "$prefix/$libdir/libtav.dataprovider.kep.regtool.so"
 
-elves="bin/tav-host bin/kep-sim $plugin $libdir/libtavcore.shared.so.1 $libdir/libtav.dataprovider.kep.regtool.so.1"
-for f in $elves; do
+installed="bin/tav-host bin/kep-sim $plugin $libdir/libtavcore.shared.so.1 $libdir/libtav.dataprovider.kep.regtool.so.1"
+for f in $installed; do
     paths=$(readelf -d "$prefix/$f" | sed -n 's/.*R\(UN\)\{0,1\}PATH.*\[\(.*\)\]/\2/p')
     case "$paths" in *"$build"*) fail "$f still points into the build tree: $paths" ;; esac
     if ! is_on "$rpath" && [ -n "$paths" ]; then fail "$f carries a search path: $paths"; fi
