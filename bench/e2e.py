@@ -13,10 +13,10 @@ import time
 HERE = os.path.dirname(os.path.abspath(__file__))
 
 
-def start_sim(bin_dir, fixtures, delay_ms=0):
+def start_sim(bin_dir, fixtures, delay_ms=0, extra=()):
     os.makedirs(fixtures, exist_ok=True)
     proc = subprocess.Popen([os.path.join(bin_dir, 'kep-sim'), '--fixtures', fixtures, '--port', '0',
-                             '--delay-ms', str(delay_ms)],
+                             '--delay-ms', str(delay_ms), *extra],
                             stdout=subprocess.PIPE, stderr=subprocess.DEVNULL, text=True)
     line = proc.stdout.readline()
     match = re.match(r'kep-sim listening on (\S+)', line)

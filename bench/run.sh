@@ -31,6 +31,9 @@ out="$tmp/report.md"
 echo "bench: end to end, scaling, memory (bench/e2e.py)" >&2
 python3 "$root/bench/e2e.py" "$bin" "$tmp/e2e" "${quick[@]}" | tee -a "$out"
 
+echo "bench: over a link, through a delay relay (bench/link.py)" >&2
+python3 "$root/bench/link.py" "$bin" "$tmp/link" "${quick[@]}" | tee -a "$out"
+
 echo "bench: cancel latency in one process (bench_cancel)" >&2
 {
     echo "### Cancel latency, in one process"
@@ -53,6 +56,21 @@ echo "bench: reply pipeline against one DOM parse (bench_pipeline)" >&2
     echo '```'
     echo "\$ bench_pipeline"
     (cd "$tmp" && "$bin/bench_pipeline" "${quick[@]}" 2>&1 | sed -n 's/.*COMPARE //p')
+    echo '```'
+    echo
+} | tee -a "$out"
+
+echo "bench: hostile answers within the bound (bench_hostile)" >&2
+{
+    echo "### Hostile answers within the 4 MiB bound: guard, clean-up, parse and document; cancel meanwhile"
+    echo
+    echo "Each answer as the service could send it, at most 4 MiB; \"refused\" is the markup guard's own time."
+    echo "The cancel comes from a third thread while the slowest answer is being cleaned up, and is timed"
+    echo "to getData's return. The aim is at most 2 s for each."
+    echo
+    echo '```'
+    echo "\$ bench_hostile"
+    (cd "$tmp" && "$bin/bench_hostile" "${quick[@]}" 2>&1 | sed -n 's/.*COMPARE //p')
     echo '```'
     echo
 } | tee -a "$out"

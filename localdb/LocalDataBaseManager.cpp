@@ -1,8 +1,10 @@
 #include "LocalDataBaseManager.h"
 
+#include "DatabaseFile.h"
 #include "localdb/KepKeys.h"
 #include "localdb/KepLog.h"
 #include "model/Product.h"
+#include "model/XmlNesting.h"
 #include "regtool/ProductRecord.h"
 
 #include <QDir>
@@ -10,6 +12,7 @@
 #include <QFile>
 #include <QMap>
 #include <QSettings>
+#include <QTextCodec>
 
 #include <cstdio>
 
@@ -178,16 +181,16 @@ bool LocalDataBaseManager::convertFncProductEntry(QString file, bool peruser)
     const QString productName = QStringLiteral("ProductName");
     const QString version = QStringLiteral("Version");
     QMap<QString, QString> values;
-    {
+    // Anything QSettings should not open reads like an unreadable file: no values.
+    if (DatabaseFile::check(file) == DatabaseFile::Status::Read) {
         const QSettings properties(file, QSettings::IniFormat);
-        const QString guid = properties.value(productCode).toString();
-        if (guid.isEmpty()) {
-            KEP_LOG(2) << "LocalDataBaseManager::convertFncProductEntry: found guid is not valid: " << guid;
-            return false;
-        }
-        values.insert(productCode, guid);
+        values.insert(productCode, properties.value(productCode).toString());
         values.insert(productName, properties.value(productName).toString());
         values.insert(version, properties.value(version).toString());
+    }
+    if (values.value(productCode).isEmpty()) {
+        KEP_LOG(2) << "LocalDataBaseManager::convertFncProductEntry: found guid is not valid: " << values.value(productCode);
+        return false;
     }
     readProfile(getXmlFromFile(QString(file).replace(Keys::LEGACY_RECORD_SUFFIX, Keys::LEGACY_PROFILE_SUFFIX)),
                 values);
@@ -231,8 +234,9 @@ bool LocalDataBaseManager::convertFncProductEntry(QString file, bool peruser)
 
 QDomDocument LocalDataBaseManager::getXmlFromFile(QString file)
 {
-    QFile xml(file);
-    if (!xml.open(QIODevice::ReadOnly)) {
+    QByteArray bytes;
+    const DatabaseFile::Status status = DatabaseFile::read(file, bytes);
+    if (status == DatabaseFile::Status::NotReadable) {
         KEP_LOG(2) << "LocalDataBaseManager: openXML: cannot open file for reading: " << file;
         return QDomDocument();
     }
@@ -240,7 +244,12 @@ QDomDocument LocalDataBaseManager::getXmlFromFile(QString file)
     QString message;
     int line = 0;
     int column = 0;
-    if (!document.setContent(&xml, &message, &line, &column)) {
+    if (status == DatabaseFile::Status::TooLarge)
+        message = QStringLiteral("file larger than %1 bytes").arg(DatabaseFile::maxBytes);
+    // A BOM names the encoding; without one the markup that counts is ASCII either way.
+    else if (XmlNesting::nestsTooDeep(QTextCodec::codecForUtfText(bytes)->toUnicode(bytes)))
+        message = QStringLiteral("elements nested deeper than %1 levels").arg(XmlNesting::maxElementNesting);
+    if (!message.isEmpty() || !document.setContent(bytes, &message, &line, &column)) {
         KEP_LOG(2) << "LocalDataBaseManager: openXML: ERROR: failed to read: " << file;
         KEP_LOG(2) << "Error message: " << message;
         KEP_LOG(2) << "Line: " << line << "; Column: " << column;

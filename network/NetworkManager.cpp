@@ -1,5 +1,8 @@
 #include "NetworkManager.h"
 
+#include "BoundedReplyReader.h"
+#include "MarkupGuard.h"
+
 #include "localdb/KepKeys.h"
 #include "localdb/KepLog.h"
 #include "localdb/ThreadHandOver.h"
@@ -88,6 +91,7 @@ void NetworkManager::sendRequestToKep(QNetworkRequest request, QByteArray& data)
 {
     clearState();
     reply_ = networkAccessManager_->post(request, data);
+    BoundedReplyReader reader(reply_);
     const bool answered = waitForSignal(reply_, SIGNAL(finished()), replyTimeoutMs);
     if (!answered) {
         KEP_LOG(0) << "NetworkManager::sendRequestToKep: request is aborted by timeout";
@@ -105,8 +109,13 @@ void NetworkManager::sendRequestToKep(QNetworkRequest request, QByteArray& data)
     auto* cache = networkAccessManager_->cache();
 
     QByteArray bytes;
-    if (code == QNetworkReply::NoError) {
-        bytes = reply_->readAll();
+    // An answer past the bound, or one the HTML reader could not take, fails like a broken
+    // connection, and unlike the service's other answers it leaves the cached entry as it was.
+    if (reader.overLimit()) {
+        code = QNetworkReply::UnknownContentError;
+        errorText = reader.overLimitText();
+    } else if (code == QNetworkReply::NoError) {
+        bytes = reader.takeAll();
         // A connection reset after part of the body may still finish without an error; the
         // announced length tells (unless the body was compressed, when the two differ anyway).
         const QVariant announced = reply_->header(QNetworkRequest::ContentLengthHeader);
@@ -117,9 +126,16 @@ void NetworkManager::sendRequestToKep(QNetworkRequest request, QByteArray& data)
         }
     }
 
+    QString text;
+    if (code == QNetworkReply::NoError) {
+        text = QString::fromUtf8(bytes.constData(), int(qstrnlen(bytes.constData(), size_t(bytes.size()))));
+        errorText = MarkupGuard::refusal(text);
+        if (!errorText.isEmpty())
+            code = QNetworkReply::UnknownContentError;
+    }
+
     if (code == QNetworkReply::NoError) {
         KEP_LOG(0) << "NetworkManager::sendRequestToKep: reply ok";
-        const QString text = QString::fromUtf8(bytes.constData(), int(qstrnlen(bytes.constData(), size_t(bytes.size()))));
         {
             QMutexLocker lock(&mutex_);
             replyText_ = text;
@@ -141,6 +157,12 @@ void NetworkManager::sendRequestToKep(QNetworkRequest request, QByteArray& data)
     if (!cacheKey.isEmpty()) {
         KEP_LOG(0) << "NetworkManager::sendRequestToKep: try loading data from cache...";
         replyText_ = cache->data(cacheKey);
+        // An entry stored before these limits would otherwise stall every run without the service.
+        const QString refusal = MarkupGuard::refusal(replyText_);
+        if (!refusal.isEmpty()) {
+            KEP_LOG(2) << QStringLiteral("NetworkManager::sendRequestToKep: cached data refused: %1").arg(refusal);
+            replyText_.clear();
+        }
     }
     if (!replyText_.isEmpty()) {
         state_ = 1;

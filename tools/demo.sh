@@ -64,13 +64,18 @@ for _ in $(seq 100); do
 done
 [ -n "$url" ] || { echo "demo: kep-sim did not report its address" >&2; exit 1; }
 
+progress=(--progress)
+[[ " $* " == *" --quiet "* ]] && progress=()
 started=$(date +%s%N)
 set +e
-# The working directory is a scratch folder: an auto-uninstalled record's clean-up acts there.
+# The working directory is a scratch folder: for an auto-uninstalled record the plug-in deletes a
+# file named after its guid in the working directory. tav-host's own lines (progress, warnings)
+# are shown as they come; its whole standard error is kept for the summary.
 (cd "$tmp/work" && env HOME="$tmp/home" TAV_SYSTEM_DB_DIR="$tmp/sysdb" XDG_CACHE_HOME="$tmp/home/.cache" \
     "${platform[@]}" "$bin/tav-host" --set "KepWebServiceUrl=$url" --set ShowTestUpdates=0 \
-    --summary ${host_args[@]+"${host_args[@]}"} >"$tmp/answer.xml" 2>"$tmp/host.err")
-status=$?
+    --summary "${progress[@]}" ${host_args[@]+"${host_args[@]}"} 2>&1 >"$tmp/answer.xml") \
+    | tee "$tmp/host.err" | { grep --line-buffered '^tav-host: ' >&2; true; }
+status=${PIPESTATUS[0]}
 set -e
 elapsed_ms=$(( ($(date +%s%N) - started) / 1000000 ))
 
@@ -84,10 +89,13 @@ sed -n 's/^summary: /  /p' "$tmp/host.err"
 sed -n 's/^tav-host: first answer shown after /window:         first answer shown after /p' "$tmp/host.err"
 [ -n "$picture" ] && [ -f "$picture" ] && echo "window picture: $picture"
 case $status in
-    0) meaning="done" ;; 2) meaning="cancelled" ;; 5) meaning="no registered products" ;; *) meaning="failed" ;;
+    0) meaning="done" ;; 2) meaning="cancelled" ;; 5) meaning="no registered products" ;;
+    3) meaning="some products got no answer from the service (--strict)" ;; *) meaning="failed" ;;
 esac
+warnings=$(grep -c '^tav-host: warning: ' "$tmp/host.err" || true)
+[ "$warnings" -gt 0 ] && echo "warnings:       $warnings (shown above, on standard error)"
 echo "answer:         $(grep -c '<update>' "$tmp/answer.xml" || true) updates, $(grep -c '<message>' "$tmp/answer.xml" || true) news; status $status ($meaning), ${elapsed_ms} ms"
-if [ "$status" -ne 0 ] && [ "$status" -ne 2 ] && [ "$status" -ne 5 ]; then
+if [ "$status" -ne 0 ] && [ "$status" -ne 2 ] && [ "$status" -ne 3 ] && [ "$status" -ne 5 ]; then
     grep -v '^summary: ' "$tmp/host.err" >&2 || true
 fi
 exit "$status"

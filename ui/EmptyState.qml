@@ -1,4 +1,5 @@
 import QtQuick 2.15
+import QtQuick.Controls 2.15
 import "KepStyle.js" as Style
 
 // Stands in for the lists when there is nothing to show, and says why.
@@ -6,12 +7,30 @@ Item {
     id: emptyState
     objectName: "emptyState"
 
-    // "upToDate", "cancelled", "noProducts" or "notChecked"; anything else reads as "notChecked".
+    // "upToDate", "checking", "unreachable", "offline", "cancelled", "noProducts" or
+    // "notChecked"; anything else reads as "notChecked".
     property string kind: "notChecked"
+    // Why nothing could be checked ("unreachable").
+    property string reason
+    // Which product of how many is being asked ("checking"); 0 while the count is not known.
+    property int productIndex: 0
+    property int productCount: 0
+
+    // "Try again" of the unreachable state.
+    signal retryRequested()
 
     readonly property var texts: ({
         upToDate: { icon: "uptodate", headline: qsTr("Everything is up to date"),
                     detail: qsTr("The service offers no updates or news for your products.") },
+        checking: { icon: "update", headline: qsTr("Checking for updates\u2026"),
+                    detail: productIndex > 0 && productCount > 0
+                            ? qsTr("Checking product %1 of %2").arg(productIndex).arg(productCount)
+                            : qsTr("Reading the registered products") },
+        unreachable: { icon: "unreachable", headline: qsTr("Could not check for updates"),
+                       detail: reason.length > 0 ? qsTr("The service could not be reached: %1.").arg(reason)
+                                                 : qsTr("The service could not be reached.") },
+        offline: { icon: "unreachable", headline: qsTr("Nothing to show"),
+                   detail: qsTr("What could be checked offers no updates or news; some products could not be checked.") },
         cancelled: { icon: "cancelled", headline: qsTr("Check cancelled"),
                      detail: qsTr("The check was cancelled before any answer arrived.") },
         noProducts: { icon: "noproducts", headline: qsTr("No registered products"),
@@ -41,7 +60,7 @@ Item {
             width: parent.width
             horizontalAlignment: Text.AlignHCenter
             text: emptyState.current.headline
-            color: Style.textPrimary
+            color: emptyState.kind === "unreachable" ? Style.errorText : Style.textPrimary
             font.pixelSize: Style.fontState
             font.bold: true
             wrapMode: Text.Wrap
@@ -54,6 +73,13 @@ Item {
             color: Style.textSecondary
             font.pixelSize: Style.fontNormal
             wrapMode: Text.Wrap
+        }
+        Button {
+            objectName: "retryButton"
+            anchors.horizontalCenter: parent.horizontalCenter
+            visible: emptyState.kind === "unreachable"
+            text: qsTr("Try again")
+            onClicked: emptyState.retryRequested()
         }
     }
 }

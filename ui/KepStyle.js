@@ -15,6 +15,10 @@ var badgeBorder = "#9fd8ad";
 var badgeText = "#1a7f37";
 var sectionRule = "#c3cad3";
 var transparent = "transparent";
+var warningBackground = "#fff8e1";
+var warningBorder = "#e3c36b";
+var warningText = "#7a4d00";
+var errorText = "#b42318";
 
 // Sizes, in pixels
 var spacingSmall = 4;
@@ -40,12 +44,12 @@ var fontState = 20;
 // Text widths beyond which a line wraps (pixels); a card never grows wider than this.
 var contentMaxWidth = 760;
 
-// Size in human units: bytes stay bytes, then one decimal below ten of a unit.
+// Size in binary units (1 KiB = 1024 bytes): bytes stay bytes, then one decimal below ten of a unit.
 function humanSize(text) {
     var bytes = Number(String(text).trim());
     if (String(text).trim() === "" || !isFinite(bytes) || bytes < 0)
         return "";
-    var units = ["bytes", "KB", "MB", "GB", "TB"];
+    var units = ["bytes", "KiB", "MiB", "GiB", "TiB"];
     var unit = 0;
     while (bytes >= 1024 && unit < units.length - 1) {
         bytes /= 1024;

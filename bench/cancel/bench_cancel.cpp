@@ -6,6 +6,7 @@
 // usage: bench_cancel [--quick]
 
 #include "BenchStats.h"
+#include "CancelledRun.h"
 
 #include "localdb/KepKeys.h"
 #include "plugin/KepDataProviderPlugin.h"
@@ -27,7 +28,6 @@
 #include <thread>
 
 using namespace KepPlugin;
-using Clock = std::chrono::steady_clock;
 
 namespace {
 
@@ -74,10 +74,8 @@ void writeRecord(const QString& guid, const QString& media, const QString& updat
 int main(int argc, char** argv)
 {
     QCoreApplication app(argc, argv);
-    if (qEnvironmentVariableIsEmpty("TAV_SYSTEM_DB_DIR")) {
-        std::fprintf(stderr, "bench_cancel: run through bench/run.sh (needs a temporary HOME and TAV_SYSTEM_DB_DIR)\n");
+    if (!KepBench::inTemporaryEnvironment("bench_cancel"))
         return 64;
-    }
     const int tries = app.arguments().contains(QStringLiteral("--quick")) ? 20 : 100;
     // Two products: the one in flight is abandoned and the second is never asked.
     writeRecord(QStringLiteral("{BENCH-1}"), QStringLiteral("MEDIA-STUDIO-2014"), QStringLiteral("1200"));
@@ -94,46 +92,21 @@ int main(int argc, char** argv)
     // Level 0 so that the line announcing the request is emitted; the handler only looks at it.
     TavCoreShared::TavLogger::Logger::instance()->setLogLevel(0);
     qInstallMessageHandler(watchLog);
+    KepBench::HostThreads host;
 
-    KepDataProviderPlugin plugin;
-    plugin.initialize();
-    QThread worker;
-    worker.start();
     QVector<double> latencies;
     std::set<int> statuses;
     for (int i = 0; i < tries; ++i) {
         asking.store(false);
-        std::atomic<bool> done{false};
-        Clock::time_point returned;
-        Clock::time_point cancelled;
         int status = -1;
-        QEventLoop loop;
-        auto* runner = new QObject;
-        runner->moveToThread(&worker);
-        QMetaObject::invokeMethod(runner, [&, runner] {
-            QString data;
-            status = plugin.getData(data);
-            returned = Clock::now();
-            done.store(true);
-            runner->deleteLater();
-            QMetaObject::invokeMethod(&loop, "quit", Qt::QueuedConnection);
-        });
-        std::thread canceller([&] {
+        latencies.append(KepBench::cancelledRunMs(host, [](const std::atomic<bool>& done) {
             while (!asking.load() && !done.load())
                 std::this_thread::sleep_for(std::chrono::milliseconds(1));
             // Long enough for the request to be written and waiting on the simulator.
             std::this_thread::sleep_for(std::chrono::milliseconds(20));
-            cancelled = Clock::now();
-            plugin.cancelCurrentAction();
-        });
-        if (!done.load())
-            loop.exec();
-        canceller.join();
+        }, &status));
         statuses.insert(status);
-        latencies.append(std::chrono::duration<double, std::milli>(returned - cancelled).count());
     }
-    worker.quit();
-    worker.wait();
     qInstallMessageHandler(nullptr);
     sim.terminate();
     sim.waitForFinished(3000);

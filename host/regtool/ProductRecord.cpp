@@ -1,6 +1,8 @@
 #include "ProductRecord.h"
 
 #include "PlainRecordReader.h"
+#include "RecordText.h"
+#include "TemporaryRecordFile.h"
 
 #include <QByteArray>
 #include <QDir>
@@ -14,15 +16,12 @@
 #include <QTemporaryFile>
 
 #include <cerrno>
-#include <cstdio>
 #include <cstdlib>
+#include <set>
 
 #include <fcntl.h>
-
-#include <linux/magic.h>
 #include <sys/mman.h>
 #include <sys/stat.h>
-#include <sys/vfs.h>
 #include <unistd.h>
 
 namespace {
@@ -79,16 +78,25 @@ bool looksLikeIni(const QByteArray& bytes)
     return true;
 }
 
-// Without QFile's extra status calls: reading a whole database is mostly system calls.
+// Real records are a few hundred bytes; anyone who can write to a database may leave a file
+// there that is not one. A bound keeps such a file, and the copies parsing makes of it, to a
+// few MiB of the host's address space.
+constexpr qint64 maxRecordBytes = 1 << 20;
+
+// Without QFile's extra status calls: reading a whole database is mostly system calls. Only a
+// regular file is opened (a device may act on open), without blocking (a FIFO put there in the
+// meantime) and without becoming the controlling terminal.
 bool readRegularFile(const std::string& path, QByteArray& bytes)
 {
-    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK);
+    struct stat info;
+    if (::stat(path.c_str(), &info) != 0 || !S_ISREG(info.st_mode) || info.st_size > maxRecordBytes)
+        return false;
+    const int fd = ::open(path.c_str(), O_RDONLY | O_CLOEXEC | O_NONBLOCK | O_NOCTTY);
     if (fd < 0)
         return false;
-    struct stat info;
     bool ok = ::fstat(fd, &info) == 0 && S_ISREG(info.st_mode);
     char chunk[16384];
-    while (ok && bytes.size() < (1 << 30)) {
+    while (ok && bytes.size() <= maxRecordBytes) {
         const ssize_t got = ::read(fd, chunk, sizeof chunk);
         if (got == 0)
             break;
@@ -98,7 +106,7 @@ bool readRegularFile(const std::string& path, QByteArray& bytes)
             ok = errno == EINTR;
     }
     ::close(fd);
-    return ok && bytes.size() < (1 << 30);
+    return ok && bytes.size() <= maxRecordBytes;
 }
 
 // QSettings keeps parsed files by name and trusts an unchanged size and millisecond time
@@ -122,27 +130,17 @@ QString scratchCopy(const QByteArray& bytes)
     return futimens(fd, times) == 0 ? path : QString();
 }
 
-// QSettings' own save syncs twice (its lock file, then its atomic save) and renames once
-// more; on the database's disk that cost more than all else in a conversion. It formats the
-// record on a memory file system instead, when one is there, and the one sync that keeps the
-// record whole is ours.
-QString formatDir()
+// Temporary files of writers killed before their rename are removed once per process and
+// directory, on the first record touched there: they only appear when a process dies, and
+// every run reads its records.
+void removeStaleTemporaries(const std::string& dir)
 {
-    static const QString dir = [] {
-        struct statfs fs;
-        const bool inMemory = statfs("/dev/shm", &fs) == 0 && fs.f_type == TMPFS_MAGIC;
-        return inMemory && QFileInfo(QStringLiteral("/dev/shm")).isWritable() ? QStringLiteral("/dev/shm") : QString();
-    }();
-    return dir;
-}
-
-bool formatRecord(const std::map<std::string, std::string>& values, const QString& path)
-{
-    QSettings ini(path, QSettings::IniFormat);
-    for (const auto& entry : values)
-        ini.setValue(local(entry.first), local(entry.second));
-    ini.sync();
-    return ini.status() == QSettings::NoError;
+    static QMutex mutex;
+    static std::set<std::string> swept;
+    QMutexLocker lock(&mutex);
+    if (dir.empty() || !swept.insert(dir).second)
+        return;
+    TemporaryRecordFile::removeStale(local(dir));
 }
 
 QString valueText(const QVariant& value)
@@ -160,6 +158,7 @@ ProductRecord::ProductRecord(std::string guid, bool peruser)
     const std::string& dir = peruser ? userDbDir_ : systemDbDir_;
     if (!dir.empty() && validGuid(guid_))
         path_ = dir + "/" + guid_ + ".ini";
+    removeStaleTemporaries(dir);
 }
 
 ProductRecord::~ProductRecord() = default;
@@ -225,44 +224,13 @@ bool ProductRecord::save()
         if (!validKey(entry.first))
             return false;
     }
-    const QString path = local(path_);
-    const QFileInfo target(path);
+    // A new record is readable by every user, who all read the system database; an existing
+    // one keeps its mode.
+    struct stat target;
+    const unsigned mode = ::stat(path_.c_str(), &target) == 0 ? target.st_mode & 07777 : 0644;
     // Written beside the record and renamed over it, so a crash never leaves half a record.
-    QTemporaryFile temp(target.absolutePath() + QStringLiteral("/.") + target.fileName() + QStringLiteral(".XXXXXX"));
-    if (!temp.open())
-        return false;
-    // A temporary file is private; the record keeps its mode, and a new one is readable by
-    // every user, who all read the system database.
-    const QFileDevice::Permissions mode = target.exists()
-        ? target.permissions()
-        : QFileDevice::ReadOwner | QFileDevice::WriteOwner | QFileDevice::ReadGroup | QFileDevice::ReadOther;
-    if (!temp.setPermissions(mode))
-        return false;
-    const QString tempPath = temp.fileName();
-    if (formatDir().isEmpty()) {
-        temp.close();
-        if (!formatRecord(values_, tempPath))
-            return false;
-    } else {
-        QTemporaryFile scratch(formatDir() + QStringLiteral("/regtool-record.XXXXXX"));
-        if (!scratch.open())
-            return false;
-        const QString scratchPath = scratch.fileName();
-        scratch.close();
-        // Read by name: the temporary file's own handle still points at the file QSettings
-        // replaced.
-        QFile formatted(scratchPath);
-        if (!formatRecord(values_, scratchPath) || !formatted.open(QIODevice::ReadOnly))
-            return false;
-        const QByteArray text = formatted.readAll();
-        if (temp.write(text) != text.size() || !temp.flush() || ::fdatasync(temp.handle()) != 0)
-            return false;
-        temp.close();
-    }
-    if (std::rename(QFile::encodeName(tempPath).constData(), QFile::encodeName(path).constData()) != 0)
-        return false;
-    temp.setAutoRemove(false);
-    return true;
+    TemporaryRecordFile temp(local(path_));
+    return temp.write(RecordText::format(values_), mode) && temp.renameOverRecord();
 }
 
 namespace {

@@ -2,11 +2,14 @@
 
 #include "ConsolidatedAnswer.h"
 #include "PluginHost.h"
+#include "RunSummary.h"
+#include "RunWarnings.h"
 
 #include <QPixmap>
 #include <QQmlContext>
-#include <QScreen>
 #include <QQuickWindow>
+#include <QScreen>
+#include <QTimer>
 
 #include <cstdio>
 
@@ -21,12 +24,45 @@ namespace {
 const int maxScreenshotHeight = 4000;
 } // namespace
 
-HostWindow::HostWindow(PluginHost* host, QObject* parent)
+HostWindow::HostWindow(PluginHost* host, RunSummary* summary, QObject* parent)
     : QObject(parent)
     , host_(host)
+    , summary_(summary)
 {
     registerWindowResources();
     connect(host_, &PluginHost::finished, this, &HostWindow::takeAnswer, Qt::QueuedConnection);
+    if (summary_) {
+        connect(summary_, &RunSummary::productStarted, this, [this](int index, int total) {
+            productIndex_ = index;
+            productCount_ = total;
+            emit stateChanged();
+        }, Qt::QueuedConnection);
+    }
+}
+
+QString HostWindow::stateFor(int status, const QList<ProductOutcome>& outcomes, int entries)
+{
+    if (status == 5)
+        return QStringLiteral("noProducts");
+    if (status == 2)
+        return QStringLiteral("cancelled");
+    int service = 0;
+    int cached = 0;
+    for (const ProductOutcome& outcome : outcomes) {
+        service += outcome.source == QLatin1String("service");
+        cached += outcome.source == QLatin1String("cache");
+    }
+    if (!outcomes.isEmpty() && service == 0 && cached == 0)
+        return QStringLiteral("unreachable");
+    if (service < outcomes.size())
+        return QStringLiteral("offline");
+    return entries == 0 ? QStringLiteral("upToDate") : QStringLiteral("answered");
+}
+
+void HostWindow::setState(const QString& state)
+{
+    state_ = state;
+    emit stateChanged();
 }
 
 HostWindow::~HostWindow() = default;
@@ -56,7 +92,17 @@ void HostWindow::checkForUpdates(int cancelAfterMs)
     if (busy_)
         return;
     busy_ = true;
+    productIndex_ = 0;
+    productCount_ = 0;
     emit busyChanged();
+    setState(QStringLiteral("checking"));
+    if (screenshotAfterMs_ >= 0 && !pictureTaken_) {
+        QTimer::singleShot(screenshotAfterMs_, this, [this] {
+            timeForPicture_ = true;
+            if (window_)
+                window_->update();
+        });
+    }
     host_->start(cancelAfterMs);
 }
 
@@ -69,17 +115,37 @@ void HostWindow::takeAnswer(int status, const QString& data)
     data_ = data;
     updates_ = answer.updates();
     news_ = answer.news();
+    const QList<ProductOutcome> outcomes = summary_ ? summary_->outcomes() : QList<ProductOutcome>();
+    const RunWarnings warnings(outcomes, QVariant(), false);
+    reason_ = warnings.reason();
+    cachedCount_ = 0;
+    uncheckedCount_ = 0;
+    cancelledCount_ = 0;
+    for (const ProductOutcome& outcome : outcomes) {
+        cachedCount_ += outcome.source == QLatin1String("cache");
+        uncheckedCount_ += outcome.source != QLatin1String("cache") && outcome.source != QLatin1String("service");
+        cancelledCount_ += outcome.source == QLatin1String("cancelled");
+    }
+    productCount_ = outcomes.size();
     busy_ = false;
     answered_ = true;
     emit answerChanged();
     emit busyChanged();
+    setState(stateFor(status, outcomes, updates_.size() + news_.size()));
     if (window_)
         window_->update();
 }
 
 void HostWindow::frameDrawn()
 {
-    if (!answered_ || pictureTaken_)
+    if (pictureTaken_)
+        return;
+    if (screenshotAfterMs_ >= 0) {
+        if (timeForPicture_)
+            takePicture();
+        return;
+    }
+    if (!answered_)
         return;
     if (!firstShown_) {
         firstShown_ = true;
@@ -87,12 +153,18 @@ void HostWindow::frameDrawn()
     }
     if (screenshotPath_.isEmpty())
         return;
-    // The lists are laid out only now; grow the window to show them all, then take the next frame.
+    // The lists are laid out only now; fit the window to all of them, then take the next frame.
     const int fullHeight = qMin(window_->property("fullHeight").toInt(), maxScreenshotHeight);
-    if (fullHeight > window_->height()) {
+    if (fullHeight != window_->height() && !resizedForPicture_) {
+        resizedForPicture_ = true;
         window_->setHeight(fullHeight);
         return;
     }
+    takePicture();
+}
+
+void HostWindow::takePicture()
+{
     pictureTaken_ = true;
     // Not from inside the frame's own signal: the grab renders a frame of its own.
     QMetaObject::invokeMethod(this, [this] {

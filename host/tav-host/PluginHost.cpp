@@ -64,6 +64,7 @@ void PluginHost::start(int cancelAfterMs)
         });
         worker_.start();
     }
+    emit starting();
     emit runRequested();
     IDataProvider* provider = provider_;
     if (cancelAfterMs >= 0 && !canceller_.isRunning()) {
@@ -82,6 +83,16 @@ void PluginHost::cancel()
 {
     if (provider_)
         provider_->cancelCurrentAction();
+}
+
+QString PluginHost::pluginName() const
+{
+    return provider_ ? provider_->name() : QString();
+}
+
+QString PluginHost::pluginVersion() const
+{
+    return provider_ ? provider_->version() : QString();
 }
 
 QMap<QString, QObject*> PluginHost::qmlObjects() const

@@ -31,9 +31,15 @@ public:
     // Deletes the plug-in object, then lets the worker thread run the deletions it deferred.
     void shutdown();
 
+    // The loaded plug-in's name() and version(); empty before load() succeeded.
+    QString pluginName() const;
+    QString pluginVersion() const;
+
     static QString defaultPluginPath();
 
 signals:
+    // Sent in the calling thread before the run is handed to the worker.
+    void starting();
     void finished(int status, const QString& data);
     void runRequested();
 

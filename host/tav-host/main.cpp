@@ -3,8 +3,12 @@
 
 #include "HostOptions.h"
 #include "HostWindow.h"
+#include "LogTap.h"
 #include "PluginHost.h"
+#include "ProgressReport.h"
 #include "RunSummary.h"
+#include "RunWarnings.h"
+#include "SettingsCheck.h"
 
 #include "tavcore/Logger.h"
 #include "tavcore/SettingsManager.h"
@@ -18,26 +22,39 @@
 #include <cstdio>
 #include <memory>
 
+#include <unistd.h>
+
 namespace {
-
-RunSummary* summary_ = nullptr;
-int printLevel_ = 2;
-
-// The plug-in's lines start with their level; with --summary the plug-in logs everything and
-// only the lines at or above the asked level are shown.
-void summaryHandler(QtMsgType, const QMessageLogContext&, const QString& message)
-{
-    summary_->feed(message);
-    bool isNumber = false;
-    const int level = message.section(QLatin1Char(' '), 0, 0).toInt(&isNumber);
-    if (!isNumber || level >= printLevel_)
-        std::fprintf(stderr, "%s\n", qUtf8Printable(message));
-}
 
 int fail(int code, const QString& reason)
 {
     std::fprintf(stderr, "tav-host: %s\n", qUtf8Printable(reason));
     return code;
+}
+
+void warn(const QString& text)
+{
+    std::fprintf(stderr, "tav-host: warning: %s\n", qUtf8Printable(text));
+}
+
+// Refuses what the settings manager would silently ignore, and points at near-miss keys.
+bool checkSettings(const HostOptions& options, QString* error)
+{
+    QStringList keys = options.settings.keys();
+    for (const QString& file : options.settingsFiles) {
+        QStringList fileKeys;
+        *error = SettingsCheck::checkFile(file, &fileKeys);
+        if (!error->isEmpty())
+            return false;
+        keys += fileKeys;
+    }
+    keys.removeDuplicates();
+    for (const QString& key : keys) {
+        const QString nearMiss = SettingsCheck::nearMiss(key);
+        if (!nearMiss.isEmpty())
+            warn(nearMiss);
+    }
+    return true;
 }
 
 bool applySettings(const HostOptions& options, QString* error)
@@ -104,10 +121,11 @@ void printAnswer(const QString& data)
     std::fflush(stdout);
 }
 
-int runWindow(QCoreApplication& app, PluginHost& host, const HostOptions& options, const QElapsedTimer& clock)
+int runWindow(QCoreApplication& app, PluginHost& host, RunSummary& summary, const HostOptions& options,
+              const QElapsedTimer& clock)
 {
-    auto window = std::make_unique<HostWindow>(&host);
-    window->setScreenshotPath(options.screenshotPath);
+    auto window = std::make_unique<HostWindow>(&host, &summary);
+    window->setScreenshotPath(options.screenshotPath, options.screenshotAfterMs);
     const QString reason = window->load();
     if (!reason.isEmpty())
         return fail(1, reason);
@@ -137,6 +155,32 @@ int runWindow(QCoreApplication& app, PluginHost& host, const HostOptions& option
     return code >= 0 ? code : status;
 }
 
+int printVersion(const HostOptions& options)
+{
+    std::fprintf(stdout, "tav-host %s\n", KEP_VERSION);
+    PluginHost host;
+    const QString path = options.pluginPath.isEmpty() ? PluginHost::defaultPluginPath() : options.pluginPath;
+    const QString reason = host.load(path);
+    if (!reason.isEmpty())
+        return fail(1, reason);
+    std::fprintf(stdout, "plug-in %s %s (%s)\n", qUtf8Printable(host.pluginName()), qUtf8Printable(host.pluginVersion()),
+                 qUtf8Printable(path));
+    return 0;
+}
+
+ProgressReport::Mode progressMode(HostOptions::Progress asked)
+{
+    switch (asked) {
+    case HostOptions::Progress::Off:
+        return ProgressReport::Mode::Off;
+    case HostOptions::Progress::Lines:
+        return ProgressReport::Mode::Lines;
+    case HostOptions::Progress::Auto:
+        break;
+    }
+    return ::isatty(::fileno(stderr)) ? ProgressReport::Mode::InPlace : ProgressReport::Mode::Off;
+}
+
 } // namespace
 
 int main(int argc, char** argv)
@@ -149,11 +193,16 @@ int main(int argc, char** argv)
     for (int i = 0; i < argc; ++i)
         arguments.append(QString::fromLocal8Bit(argv[i]));
     if (!options.parse(arguments, &error))
-        return fail(64, error + QLatin1Char('\n') + HostOptions::usage());
-    if (options.help) {
-        std::fprintf(stdout, "%s\n", qUtf8Printable(HostOptions::usage()));
+        return fail(64, error);
+    if (options.action != HostOptions::Action::Run) {
+        QCoreApplication app(argc, argv);
+        if (options.action == HostOptions::Action::Version)
+            return printVersion(options);
+        std::fprintf(stdout, "%s", qUtf8Printable(HostOptions::helpText()));
         return 0;
     }
+    if (!checkSettings(options, &error))
+        return fail(64, error);
     if (options.gui && !prepareGuiPlatform(options, &error))
         return fail(1, error);
     // The window needs a GUI application object, and it has to exist before anything else.
@@ -161,24 +210,24 @@ int main(int argc, char** argv)
                                                               : new QCoreApplication(argc, argv));
     QCoreApplication& app = *application;
     if (!applySettings(options, &error))
-        return fail(64, error + QLatin1Char('\n') + HostOptions::usage());
+        return fail(64, error);
+    const QVariant url = TavCoreShared::TavSettings::SettingsManager::instance()->getProperty(QStringLiteral("KepWebServiceUrl"));
 
     RunSummary summary;
-    printLevel_ = options.logLevel;
-    TavCoreShared::TavLogger::Logger::instance()->setLogLevel(options.summary ? 0 : options.logLevel);
-    if (options.summary) {
-        summary_ = &summary;
-        qInstallMessageHandler(summaryHandler);
-    }
+    LogTap tap(&summary, options.logLevel);
+    ProgressReport progress(progressMode(options.progress), url.toString(), stderr);
+    QObject::connect(&summary, &RunSummary::productStarted, &progress, &ProgressReport::productStarted);
+    QObject::connect(&summary, &RunSummary::productEnded, &progress, &ProgressReport::productEnded);
 
     PluginHost host;
+    QObject::connect(&host, &PluginHost::starting, &summary, &RunSummary::beginRun, Qt::DirectConnection);
     const QString reason = host.load(options.pluginPath.isEmpty() ? PluginHost::defaultPluginPath() : options.pluginPath);
     if (!reason.isEmpty())
         return fail(1, reason);
 
     int status = 0;
     if (options.gui) {
-        status = runWindow(app, host, options, clock);
+        status = runWindow(app, host, summary, options, clock);
     } else {
         QObject::connect(&host, &PluginHost::finished, &app, [&](int runStatus, const QString& data) {
             status = runStatus;
@@ -189,12 +238,17 @@ int main(int argc, char** argv)
         app.exec();
     }
     host.shutdown();
+    progress.finish();
+    summary.finish();
 
     if (options.summary) {
-        qInstallMessageHandler(nullptr);
-        summary.finish();
         for (const QString& line : summary.report())
             std::fprintf(stderr, "%s\n", qUtf8Printable(line));
     }
+    const RunWarnings warnings(summary.outcomes(), url, summary.cancelLost());
+    for (const QString& line : warnings.lines())
+        std::fprintf(stderr, "%s\n", qUtf8Printable(line));
+    if (options.strict && status == 0 && warnings.incomplete())
+        return 3;
     return status;
 }

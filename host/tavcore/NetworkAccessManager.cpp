@@ -1,5 +1,7 @@
 #include "NetworkAccessManager.h"
 
+#include "CurlReply.h"
+#include "CurlTransport.h"
 #include "NetworkCache.h"
 
 #include <QCoreApplication>
@@ -27,11 +29,28 @@ NetworkAccessManager* NetworkAccessManager::instance()
     return manager;
 }
 
-NetworkAccessManager::NetworkAccessManager() = default;
+NetworkAccessManager::NetworkAccessManager()
+    : transport_(new CurlTransport)
+{
+}
 
 NetworkAccessManager::~NetworkAccessManager()
 {
+    // Our replies leave libcurl before the transport they run on.
+    qDeleteAll(findChildren<CurlReply*>(QString(), Qt::FindDirectChildrenOnly));
+    delete transport_;
     delete cache_;
+}
+
+QNetworkReply* NetworkAccessManager::createRequest(Operation operation, const QNetworkRequest& request,
+                                                   QIODevice* outgoingData)
+{
+    const QString scheme = request.url().scheme().toLower();
+    if (scheme != QLatin1String("http") && scheme != QLatin1String("https"))
+        return QNetworkAccessManager::createRequest(operation, request, outgoingData);
+    // The whole body leaves with the header; what the host posts is a few kilobytes at most.
+    const QByteArray body = outgoingData ? outgoingData->readAll() : QByteArray();
+    return new CurlReply(transport_, operation, request, body, this);
 }
 
 NetworkCache* NetworkAccessManager::cache()

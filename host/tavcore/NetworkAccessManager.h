@@ -5,10 +5,13 @@
 namespace TavCoreShared {
 namespace Network {
 
+class CurlTransport;
 class NetworkCache;
 
 // The host's one shared QNetworkAccessManager, created in the thread that first asks for it,
-// and the persistent reply cache that goes with it.
+// and the persistent reply cache that goes with it. Its http and https requests travel through
+// libcurl (one write per request, TCP_NODELAY, kept connections and TLS sessions); other
+// schemes go the way Qt takes them.
 class Q_DECL_EXPORT NetworkAccessManager : public QNetworkAccessManager
 {
     Q_OBJECT
@@ -18,11 +21,15 @@ public:
 
     NetworkCache* cache();
 
+protected:
+    QNetworkReply* createRequest(Operation operation, const QNetworkRequest& request, QIODevice* outgoingData) override;
+
 private:
     NetworkAccessManager();
     Q_DISABLE_COPY(NetworkAccessManager)
 
     NetworkCache* cache_ = nullptr;
+    CurlTransport* transport_ = nullptr;
 };
 
 } // namespace Network

@@ -6,6 +6,7 @@
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
+#include <QUrl>
 #include <QUuid>
 #include <QtDebug>
 
@@ -17,7 +18,7 @@ namespace {
 // Long enough to ride out another writer's commit, short enough not to stall a request.
 const int busyTimeoutMs = 1000;
 
-enum SqliteCode { Corrupt = 11, Busy = 5, Locked = 6, NotADatabase = 26 };
+enum SqliteCode { Busy = 5, Locked = 6, ReadOnly = 8, Corrupt = 11, CantOpen = 14, NotADatabase = 26 };
 
 int primaryCode(const QSqlError& error)
 {
@@ -28,6 +29,13 @@ bool isCorrupt(const QSqlError& error)
 {
     const int code = primaryCode(error);
     return code == Corrupt || code == NotADatabase;
+}
+
+// What a user who may read the file but not write it, or its directory, gets.
+bool isReadOnly(const QSqlError& error)
+{
+    const int code = primaryCode(error);
+    return code == ReadOnly || code == CantOpen;
 }
 
 bool isBusy(const QSqlError& error)
@@ -90,28 +98,60 @@ bool NetworkCache::open()
         state_ = State::Disabled;
         return false;
     }
-    QSqlError error = connectDatabase();
+    QSqlError error = connectDatabase(Access::ReadWrite);
     if (error.isValid() && isCorrupt(error) && moveAside(error))
-        error = connectDatabase();
-    if (!error.isValid())
+        error = connectDatabase(Access::ReadWrite);
+    // The replies stored so far are still the fall-back when the service fails. A database
+    // in WAL mode needs its shared-memory file, which a read-only directory may not let us
+    // create: then it is read as it is on disk.
+    if (error.isValid() && isReadOnly(error) && QFileInfo(path_).isFile()
+        && (!connectDatabase(Access::ReadOnly).isValid() || !connectDatabase(Access::Immutable).isValid())) {
+        becameReadOnly();
         return true;
-    failed(QStringLiteral("cannot open %1").arg(path_), error);
-    return false;
+    }
+    if (error.isValid()) {
+        failed(QStringLiteral("cannot open %1").arg(path_), error);
+        return false;
+    }
+    // SQLite opens another user's file for reading without a word; said now, not only once
+    // an answer fails to be stored.
+    if (!QFileInfo(path_).isWritable())
+        becameReadOnly();
+    return true;
 }
 
-QSqlError NetworkCache::connectDatabase()
+void NetworkCache::becameReadOnly()
+{
+    insert_.reset();
+    if (readOnly_)
+        return;
+    readOnly_ = true;
+    warn(QStringLiteral("%1 is read-only for this user: answers are read from it but not stored").arg(path_));
+}
+
+QSqlError NetworkCache::connectDatabase(Access access)
 {
     QSqlError error;
     {
         QSqlDatabase db = QSqlDatabase::addDatabase(QStringLiteral("QSQLITE"), connection_);
-        db.setDatabaseName(path_);
-        db.setConnectOptions(QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(busyTimeoutMs));
+        QString options = QStringLiteral("QSQLITE_BUSY_TIMEOUT=%1").arg(busyTimeoutMs);
+        if (access == Access::Immutable) {
+            db.setDatabaseName(QUrl::fromLocalFile(path_).toString() + QStringLiteral("?immutable=1"));
+            options += QStringLiteral(";QSQLITE_OPEN_URI;QSQLITE_OPEN_READONLY");
+        } else {
+            db.setDatabaseName(path_);
+            if (access == Access::ReadOnly)
+                options += QStringLiteral(";QSQLITE_OPEN_READONLY");
+        }
+        db.setConnectOptions(options);
         // WAL keeps every committed reply through a killed process, and NORMAL is then safe.
         // The cache is written once per reply and read only when the service fails: a small
         // page cache (256 KiB instead of 2 MiB) inserts no slower and stays out of the host's
-        // peak memory.
+        // peak memory. A read-only connection only reads: it finds the table or nothing.
         if (!db.open())
             error = db.lastError();
+        else if (access != Access::ReadWrite)
+            error = run(db, QStringLiteral("SELECT count(*) FROM replies WHERE 0"));
         else if (!(error = run(db, QStringLiteral("PRAGMA journal_mode=WAL"))).isValid()
                  && !(error = run(db, QStringLiteral("PRAGMA synchronous=NORMAL"))).isValid()
                  && !(error = run(db, QStringLiteral("PRAGMA cache_size=-256"))).isValid())
@@ -160,7 +200,8 @@ void NetworkCache::failed(const QString& action, const QSqlError& error)
         return;
     }
     close();
-    if (isCorrupt(error) && moveAside(error))
+    // Read without locks, a file changing under us may look damaged; it is not ours to move.
+    if (!readOnly_ && isCorrupt(error) && moveAside(error))
         return;
     state_ = State::Disabled;
     warn(QStringLiteral("%1: %2; working without a cache").arg(action, error.databaseText()));
@@ -185,7 +226,7 @@ QString NetworkCache::data(const QString& key)
 
 void NetworkCache::insert(const QString& key, const QString& value)
 {
-    if (!open())
+    if (!open() || readOnly_)
         return;
     if (!insert_) {
         insert_ = std::make_unique<QSqlQuery>(QSqlDatabase::database(connection_, false));
@@ -201,7 +242,11 @@ void NetworkCache::insert(const QString& key, const QString& value)
     }
     const QSqlError error = insert_->lastError();
     insert_.reset();
-    failed(QStringLiteral("cannot write"), error);
+    // A directory that takes no write-ahead log shows on the first write.
+    if (isReadOnly(error))
+        becameReadOnly();
+    else
+        failed(QStringLiteral("cannot write"), error);
 }
 
 } // namespace Network

@@ -12,7 +12,8 @@ namespace Network {
 
 // Persistent key/value text store for service replies, kept across runs in an SQLite
 // database under the user's cache directory. Any failure of the database leaves the
-// cache empty and logged; it never stops the caller.
+// cache empty and logged; it never stops the caller. A cache this user may only read still
+// answers, and stores nothing.
 class Q_DECL_EXPORT NetworkCache
 {
 public:
@@ -33,8 +34,12 @@ private:
     // Closed is retried on the next call (a lock passes); Disabled is for good.
     enum class State { Closed, Open, Disabled };
 
+    // Immutable: read without the locks and shared memory that a read-only directory denies.
+    enum class Access { ReadWrite, ReadOnly, Immutable };
+
     bool open();
-    QSqlError connectDatabase();
+    QSqlError connectDatabase(Access access);
+    void becameReadOnly();
     void close();
     bool moveAside(const QSqlError& error);
     void failed(const QString& action, const QSqlError& error);
@@ -42,6 +47,8 @@ private:
     QString path_;
     QString connection_;
     State state_ = State::Closed;
+    // Answers are read, never stored: the user may not write the file or its directory.
+    bool readOnly_ = false;
     // Prepared on the first insert of a connection and reused: preparing cost as much as
     // storing a small reply.
     std::unique_ptr<QSqlQuery> insert_;

@@ -101,10 +101,11 @@ private slots:
         // A network namespace of its own: the resolver's question cannot leave the machine.
         row("unknown host name", "http://kep-sim.invalid:8080/", error + "[3]: Host kep-sim.invalid not found\"", cache2, 4,
             "=", 4, "", {"unshare", "--net"});
-        row("50 MB answer", "huge", "*", "(service 1, cache 0, none 0, cancelled 0)", 1, "xxxxxxxx", 0, "MEDIA-HUGE");
-        row("cache directory read-only", "",
-            "TavCore: network cache: cannot write: attempt to write a readonly database; working without a cache", service2, 4,
-            "=", 4, "", nobody);
+        row("50 MB answer", "huge", error + "[299]: Answer larger than 4194304 bytes, aborted\"",
+            "(service 0, cache 1, none 0, cancelled 0)", 0, "=", 0, "MEDIA-HUGE");
+        const QString readOnly = "TavCore: network cache: %2 is read-only for this user: answers are read from it but not stored";
+        row("cache directory read-only", "", readOnly, service2, 4, "=", 4, "", nobody);
+        row("cache read-only, service down", "http://127.0.0.1:1/", readOnly, cache2, 4, "=", 4, "", nobody);
         // An ignored SIGXFSZ turns the file-size limit into the write error of a full disk.
         row("cache disk full", "no cache yet", "TavCore: network cache: cannot open %2: disk I/O error; working without a cache",
             service2, 4, "", 4, "", {"sh", "-c", "trap '' XFSZ; exec prlimit --fsize=20000 \"$@\"", "sh"});

@@ -2,6 +2,7 @@
 #include "TestDb.h"
 #include "tavcore/NetworkCache.h"
 
+#include <QProcess>
 #include <QSqlQuery>
 #include <QTemporaryDir>
 #include <QtTest>
@@ -29,8 +30,20 @@ class TestNetworkCache : public QObject
 public:
     static int child(const QStringList& args)
     {
-        NetworkCache cache(args.value(0));
-        cache.insert(QStringLiteral("m|u"), QStringLiteral("<product/>"));
+        if (args.isEmpty()) // the probe of ChildRun::unprivilegedUnavailable
+            return 0;
+        if (args.value(0) == QLatin1String("read-only")) { // as another user: read, store, read again
+            qInstallMessageHandler(collectWarning);
+            NetworkCache cache(args.value(1));
+            const QString before = cache.data(QStringLiteral("k"));
+            cache.insert(QStringLiteral("k"), QStringLiteral("new"));
+            cache.insert(QStringLiteral("k2"), QStringLiteral("new"));
+            QTextStream(stdout) << before << '|' << cache.data(QStringLiteral("k")) << '|' << warnings_.join('|') << Qt::endl;
+            return 0;
+        }
+        const bool named = args.value(0) == QLatin1String("write-then-die");
+        NetworkCache cache(args.value(named ? 1 : 0));
+        cache.insert(named ? args.value(2) : QStringLiteral("m|u"), named ? args.value(3) : QStringLiteral("<product/>"));
         std::raise(SIGKILL); // no destructor, no checkpoint
         return 1;
     }
@@ -119,6 +132,45 @@ private slots:
         QCOMPARE(NetworkCache(file).data(QStringLiteral("k")), recovers ? QStringLiteral("new") : QString());
         QCOMPARE(warnings_.size(), times + (recovers ? 0 : 1));
         QVERIFY(!warning.contains(".corrupt") || TestDb::readFile(file + ".corrupt") == damaged);
+    }
+    // A cache this user cannot write (a read-only mount, another user's file) still answers
+    // for the fall-back, and says once that it cannot store.
+    void readOnly_data()
+    {
+        QTest::addColumn<QString>("setup"); // file mode, directory mode, "wal": a writer killed with replies in its log
+        QTest::addColumn<QString>("expected"); // before | after | warnings
+        const QString once = "old|old|%1 is read-only for this user: answers are read from it but not stored";
+        QTest::newRow("directory and file read-only") << "0644 0755" << once;
+        QTest::newRow("file of another user") << "0644 0777" << once;
+        QTest::newRow("write-ahead log of a killed writer") << "0644 0755 wal" << once;
+        QTest::newRow("unreadable file") << "0600 0777"
+            << "||cannot open %1: unable to open database file; working without a cache";
+    }
+    void readOnly()
+    {
+        QFETCH(QString, setup);
+        QFETCH(QString, expected);
+        const QString reason = ChildRun::unprivilegedUnavailable();
+        if (!reason.isEmpty())
+            QSKIP(qPrintable(reason));
+        const QString file = path("ro/cache.sqlite");
+        if (setup.endsWith("wal"))
+            QVERIFY(ChildRun({"write-then-die", file, "k", "old"}).crashed);
+        else
+            NetworkCache(file).insert(QStringLiteral("k"), QStringLiteral("old"));
+        QCOMPARE(QFile::exists(file + "-wal"), setup.endsWith("wal"));
+        const QStringList modes = setup.split(' ');
+        for (const QString& name : QDir(path("ro")).entryList(QDir::Files))
+            QCOMPARE(QProcess::execute("chmod", {modes[0], dir_->filePath("ro/" + name)}), 0);
+        QCOMPARE(QProcess::execute("chmod", {modes[1], path("ro")}), 0);
+        QCOMPARE(QProcess::execute("chmod", {"0755", dir_->path()}), 0);
+        const QByteArray bytes = TestDb::readFile(file);
+
+        const ChildRun run({"read-only", file}, QProcessEnvironment::systemEnvironment(), true);
+        QVERIFY2(!run.crashed && run.exitCode == 0, qPrintable(run.err.join('\n')));
+        QCOMPARE(run.out.value(0), expected.arg(file));
+        QCOMPARE(TestDb::readFile(file), bytes);
+        QCOMPARE(NetworkCache(file).data(QStringLiteral("k2")), QString());
     }
     void survivesKilledWriter()
     {

@@ -10,6 +10,7 @@
 #include <QtTest>
 
 #include <cerrno>
+#include <sys/file.h>
 #include <sys/stat.h>
 
 namespace {
@@ -31,9 +32,18 @@ class TestProductRecord : public QObject
 {
     Q_OBJECT
 public:
-    // Loads the system record g, sets UpdateID and saves, as whichever user runs it.
-    static int child(const QStringList&)
+    // Loads the system record g, sets UpdateID and saves, as whichever user runs it; with
+    // "save-forever", saves two values in turn until killed, one line on stdout per save.
+    static int child(const QStringList& args)
     {
+        if (args.value(0) == QLatin1String("save-forever")) {
+            for (int i = 0;; ++i) {
+                if (setValue("g", "OwnerProductCode", std::string(16 << 10, i % 2 ? 'b' : 'a').c_str(), 0) != 0)
+                    return 1;
+                printf("saved\n");
+                fflush(stdout);
+            }
+        }
         ProductRecord record("g", false);
         const bool loaded = record.load();
         record.setValue("UpdateID", "200");
@@ -142,6 +152,92 @@ private slots:
         QCOMPARE(ChildRun({}, env, true).out, QStringList{output});
         QCOMPARE(TestDb::readFile(file) == "ProductName=Studio\nUpdateID=100\n", !output.endsWith("save=1"));
         QCOMPARE(TestDb::entries(db), QStringList{QStringLiteral("g.ini")});
+    }
+    // Formatted without QSettings, read back by it and by the record's own reader as written.
+    void savedValuesReadBack_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("value");
+        QTest::newRow("plain") << "MediaID" << "M-77 b=c";
+        QTest::newRow("empty") << "UpdateID" << "";
+        QTest::newRow("list comma and comment") << "ProductName" << "Studio, Pro; x # y";
+        QTest::newRow("typed-value marker") << "ProductName" << "@Invalid()";
+        QTest::newRow("quotes and backslashes") << "ProductName" << "\"C:\\x\" \\\"";
+        QTest::newRow("blanks at both ends, tab") << "ProductName" << "  a\tb  ";
+        QTest::newRow("hex digit after an escape") << "ProductName" << "\x01" "Fa\n0";
+        QTest::newRow("control and NUL-free binary") << "ProductName" << "\x1f\x7f\r\n";
+        QTest::newRow("non-ASCII and beyond the BMP") << "ProductName" << "Студия \u00e9 \U0001F600";
+        QTest::newRow("key with blanks and non-ASCII") << "Ключ 2 %x" << "v";
+    }
+    void savedValuesReadBack()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, value);
+        QCOMPARE(setValue("g", key.toLocal8Bit().constData(), value.toLocal8Bit().constData(), 1), 0);
+        QCOMPARE(TestDb::readRecord(true, "g"), (QMap<QString, QString>{{key, value}}));
+        ProductRecord record("g", true);
+        QVERIFY(record.load());
+        QCOMPARE(QString::fromLocal8Bit(record.getValue(key.toLocal8Bit().toStdString()).c_str()), value);
+    }
+    // A writer killed before its rename leaves its temporary file; the next process to touch
+    // the database removes it, but never one a live writer holds, nor anything else.
+    void staleTemporaries_data()
+    {
+        QTest::addColumn<QString>("name");
+        QTest::addColumn<QString>("kind"); // file, locked (by a live writer), fifo, dir
+        QTest::addColumn<bool>("removed");
+        QTest::newRow("killed writer's") << ".g.ini.Ab12Cd" << "file" << true;
+        QTest::newRow("another record's") << ".h.ini.Ab12Cd" << "file" << true;
+        QTest::newRow("live writer's") << ".g.ini.Ab12Cd" << "locked" << false;
+        QTest::newRow("FIFO of that name") << ".g.ini.Ab12Cd" << "fifo" << false;
+        QTest::newRow("directory of that name") << ".g.ini.Ab12Cd" << "dir" << false;
+        QTest::newRow("not a temporary name") << ".g.ini.Ab12C" << "file" << false;
+        QTest::newRow("a record") << "g.ini" << "file" << false;
+    }
+    void staleTemporaries()
+    {
+        QFETCH(QString, name);
+        QFETCH(QString, kind);
+        QFETCH(bool, removed);
+        const QString path = TestDb::systemDir() + '/' + name;
+        QFile held(path);
+        if (kind == "fifo")
+            QCOMPARE(::mkfifo(qPrintable(path), 0644), 0);
+        else if (kind == "dir")
+            QVERIFY(QDir().mkpath(path));
+        else
+            QVERIFY(TestDb::writeFile(path, "ProductName=x\n") && held.open(QIODevice::ReadOnly));
+        QVERIFY(kind != "locked" || ::flock(held.handle(), LOCK_EX) == 0);
+        const ChildRun run({}); // reads and saves g: its first record in the database sweeps
+        QVERIFY(!run.crashed);
+        QCOMPARE(QFileInfo::exists(path), !removed);
+    }
+    // Killed at any point of a save, a writer leaves the old record or the new one, never a
+    // mix, and whatever it left beside it is gone after the next process. On a memory file
+    // system, where the sync costs nothing, the kills land anywhere in the save.
+    void killedWhileSaving()
+    {
+        QTemporaryDir db(QFileInfo("/dev/shm").isWritable() ? "/dev/shm/kep-kill-XXXXXX" : QString());
+        QProcessEnvironment env = QProcessEnvironment::systemEnvironment();
+        env.insert("TAV_SYSTEM_DB_DIR", db.path());
+        const auto value = [&db] { return QSettings(db.filePath("g.ini"), QSettings::IniFormat).value("OwnerProductCode").toString(); };
+        int leftBehind = 0;
+        for (int kill = 0; kill < 30; ++kill) {
+            QProcess writer;
+            writer.setProcessEnvironment(env);
+            writer.start(QCoreApplication::applicationFilePath(), {"--child", "save-forever"});
+            // A few saves, then a kill wherever the loop happens to be.
+            while (writer.readAllStandardOutput().count('\n') < 1 + kill % 3 && writer.waitForReadyRead(10000)) {
+            }
+            writer.kill();
+            QVERIFY(writer.waitForFinished(10000));
+            QVERIFY2(value() == QString(16 << 10, 'a') || value() == QString(16 << 10, 'b'), qPrintable(value().left(20)));
+            leftBehind += TestDb::entries(db.path()).size() - 1;
+        }
+        qInfo("temporary files left by 30 killed writers: %d", leftBehind);
+        QVERIFY(!ChildRun({}, env).crashed);
+        QCOMPARE(TestDb::entries(db.path()), QStringList{"g.ini"});
+        QCOMPARE(TestDb::entries("/dev/shm").filter("regtool-record"), QStringList());
     }
     // A reader that opened the record earlier still sees all of the old one; the mode stays the writer's.
     void regression_savedRecordPrivateToWriter()

@@ -10,11 +10,11 @@
 #include <sys/socket.h>
 
 // An HTTP peer on 127.0.0.1, port 0: reads each whole request, records it and answers with
-// canned bytes, then closes, resets the connection or stays silent.
+// canned bytes, then closes or resets the connection, or stays silent before or after answering.
 class FakeHttpServer : public QTcpServer
 {
 public:
-    enum Ending { Close, Reset, Silent };
+    enum Ending { Close, Reset, Silent, Stall };
     explicit FakeHttpServer(const QByteArray& answer = {}, Ending ending = Close) : answer_(answer), ending_(ending)
     {
         listen(QHostAddress::LocalHost, 0);
@@ -31,6 +31,8 @@ public:
 
     QList<QByteArray> requests;
     std::function<void()> onRequest = [] {};
+    // More of the body after the canned bytes, as the peer takes it, until it gives nothing.
+    std::function<QByteArray()> more;
 
 protected:
     void incomingConnection(qintptr descriptor) override
@@ -50,6 +52,10 @@ protected:
             if (ending_ == Silent)
                 return;
             socket->write(answer_);
+            if (more)
+                return stream(socket);
+            if (ending_ == Stall)
+                return;
             if (ending_ == Close)
                 return socket->disconnectFromHost();
             socket->flush();
@@ -60,6 +66,20 @@ protected:
     }
 
 private:
+    // Keeps about a megabyte queued, so that an endless body costs this process nothing.
+    void stream(QTcpSocket* socket)
+    {
+        connect(socket, &QTcpSocket::disconnected, socket, &QObject::deleteLater);
+        connect(socket, &QTcpSocket::bytesWritten, socket, [this, socket] {
+            while (socket->state() == QAbstractSocket::ConnectedState && socket->bytesToWrite() < (1 << 20)) {
+                const QByteArray piece = more();
+                if (piece.isEmpty())
+                    return socket->disconnectFromHost();
+                socket->write(piece);
+            }
+        });
+    }
+
     QByteArray answer_;
     Ending ending_;
 };

@@ -1,5 +1,6 @@
 #include "FakeHttpServer.h"
 #include "LogCapture.h"
+#include "network/MarkupGuard.h"
 #include "network/NetworkManager.h"
 #include "tavcore/NetworkAccessManager.h"
 #include "tavcore/NetworkCache.h"
@@ -18,6 +19,22 @@ TavCoreShared::Network::NetworkCache* cache() { return TavCoreShared::Network::N
 // A line built from a pattern is one quoted item.
 QString quoted(int level, const QString& text) { return LogCapture::line(level, {}, text).remove(1, 1); }
 QString errorLine(int code, const QString& reason) { return quoted(2, S + QString("reply error [%1]: %2").arg(code).arg(reason)); }
+// A body in chunks of 64 KB, then the last, empty one.
+QByteArray chunked(const QByteArray& body)
+{
+    QByteArray out;
+    for (int at = 0; at < body.size(); at += 65536) {
+        const QByteArray chunk = body.mid(at, 65536);
+        out += QByteArray::number(chunk.size(), 16) + "\r\n" + chunk + "\r\n";
+    }
+    return out + "0\r\n\r\n";
+}
+// An answer whose body the transport decodes itself (zlib data; qCompress puts its length first).
+QByteArray compressed(const QByteArray& body)
+{
+    const QByteArray zlib = qCompress(body, 9).mid(4);
+    return "HTTP/1.1 200 OK\r\nContent-Encoding: deflate\r\nContent-Length: " + QByteArray::number(zlib.size()) + "\r\n\r\n" + zlib;
+}
 
 } // namespace
 
@@ -70,6 +87,42 @@ private slots:
         QCOMPARE(cache()->data("gtpi__" + updateId + "_" + mediaId), QString("answer"));
         QCOMPARE(log.lines().value(0), quoted(0, QString("NetworkManager::call_GetTAVProductInfo: mediaId=[%1];updateId=[%2];"
                                                          "showTestUpdate=[%3]").arg(mediaId, updateId).arg(int(call[2] == "y"))));
+    }
+
+    // What the HTML reader of the clean-up may see: nesting and tags counted as that reader nests
+    // them, and the markup it cannot take in bounded time, or at all without a GUI application.
+    void markupGuard_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<QString>("refusal");
+        const QString deep = "Answer markup nested deeper than 64 elements, refused", many = "Answer markup has more than 1024 tags, refused";
+        auto r = [](const QString& unit, int times) { return unit.repeated(times); };
+        QTest::newRow("64 deep") << r("<div>", 64) << "";
+        QTest::newRow("65 deep") << r("<div>", 65) << deep;
+        QTest::newRow("closed elements do not nest") << r(r("<div>", 64) + r("</div>", 64), 16) << "";
+        QTest::newRow("1024 tags") << r("<p>x</p>", 1024) << "";
+        QTest::newRow("1025 tags") << r("<p>x</p>", 1025) << many;
+        QTest::newRow("an end tag closes what it holds") << "<div>" + r("<span>", 63) + "</div>" + r("<b>", 64) << "";
+        QTest::newRow("stray end tags close nothing") << r("</div>", 100) + r("<div>", 65) << deep;
+        QTest::newRow("end tag of another element") << r("<div>", 64) + "</span><i>" << deep;
+        QTest::newRow("upper case and blanks") << r("< DIV title=x>", 65) << deep;
+        QTest::newRow("elements without content") << r("<br><hr><img src=x><meta>", 256) << "";
+        QTest::newRow("self-closed") << r("<x/>", 1000) << "";
+        QTest::newRow("escaped payload") << r("&lt;div&gt;", 100000) << "";
+        QTest::newRow("a '<' inside an attribute") << r("<p title=\"<b>\">", 33) << deep;
+        QTest::newRow("table") << "<TABLE><tr><td colspan=9>x" << "Answer markup holds a table, refused";
+        QTest::newRow("cell alone") << "<td>x" << "Answer markup holds a table, refused";
+        QTest::newRow("style sheet") << "<style>p{color:red}</style><p>x" << "Answer markup holds a style sheet, refused";
+        QTest::newRow("style attribute") << "<p class=x STYLE = \"color:red\">x" << "Answer markup holds a style attribute, refused";
+        QTest::newRow("a word that is no attribute") << "<p>style = x</p><p title=style>" << "";
+        QTest::newRow("link, no GUI application") << "<a href=x>y</a>" << "Answer markup holds a link, refused";
+        QTest::newRow("4 MiB") << QString(4 << 20, 'x') << "";
+        QTest::newRow("4 MiB and one") << QString((4 << 20) + 1, 'x') << "Answer larger than 4194304 bytes, refused";
+    }
+    void markupGuard()
+    {
+        QFETCH(QString, text);
+        QTEST(KepPlugin::MarkupGuard::refusal(text), "refusal");
     }
 
     // Each answer, with or without a cache entry and key, ends in one state code, reply text, cache
@@ -125,8 +178,29 @@ private slots:
         QVERIFY(soap.setContent(kdsoap));
         const QString payload = soap.elementsByTagName("GetTAVProductInfoResult").at(0).toElement().text();
         row("KDSoap answer", FakeHttpServer::ok(kdsoap), 0, QString(payload).replace(QRegularExpression("\\s+"), " "), ok);
-        const QByteArray huge(50 * 1024 * 1024, 'A');
-        row("50 MB", FakeHttpServer::ok(huge), 0, QString(huge), ok);
+        // The bound holds on the body as decoded, however it is framed; past it the cached entry stays.
+        const int bound = 4 * 1024 * 1024;
+        const QByteArray full(bound, 'A'), over = full + 'A';
+        const QString tooLarge = errorLine(299, "Answer larger than 4194304 bytes, aborted");
+        const QStringList kept{"k10", "kept", "kept"};
+        row("at the bound", FakeHttpServer::ok(full), 0, QString(full), ok, {"k9", "old", QString(full)});
+        // Refused on its headers: the body never comes.
+        row("one byte over, announced", "HTTP/1.1 200 OK\r\nContent-Length: 4194305\r\n\r\nAAA", 1, "kept", Lines{tooLarge} + hit,
+            kept, FakeHttpServer::Stall);
+        row("one byte over, unannounced", "HTTP/1.1 200 OK\r\nConnection: close\r\n\r\n" + over, 1, "kept", Lines{tooLarge} + hit, kept);
+        row("one byte over, chunked", "HTTP/1.1 200 OK\r\nTransfer-Encoding: chunked\r\n\r\n" + chunked(over), 1, "kept",
+            Lines{tooLarge} + hit, kept);
+        row("at the bound, compressed", compressed(full), 0, QString(full), ok);
+        row("one byte over, compressed", compressed(over), 1, "kept", Lines{tooLarge} + hit, kept);
+        row("50 MB, announced", FakeHttpServer::ok(QByteArray(50 << 20, 'A')), 3, "", {tooLarge, miss[1]});
+        // What the HTML reader could not take is refused like an oversized answer, and so is such a
+        // cached entry, which would otherwise stall every run without the service.
+        const QString deep = QString("<div>").repeated(65);
+        row("markup too deep", FakeHttpServer::ok(deep.toUtf8()), 1, "kept",
+            Lines{errorLine(299, "Answer markup nested deeper than 64 elements, refused")} + hit, kept);
+        row("refused, hostile entry", "refused", 3, "",
+            {refused, hit[0], quoted(2, S + "cached data refused: Answer markup nested deeper than 64 elements, refused"), miss[1]},
+            {"k11", deep, deep});
         // The service's code sits between the first "[" and the next "[" or the first "]".
         const struct { const char* text; int state; const char* code; } codes[] = {
             {"", -1, nullptr}, {"abc", 0, nullptr}, {"a]b[12]", 0, nullptr}, {"x [326] y", 5, "326"}, {"[abc]", -1, "abc"},

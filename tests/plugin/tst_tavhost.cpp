@@ -1,79 +1,321 @@
 #include "KepSimProcess.h"
+#include "ProgressReport.h"
+#include "RunSummary.h"
+#include "RunWarnings.h"
+#include "SettingsCheck.h"
 #include "TestDb.h"
 
 #include <QProcess>
+#include <QTcpServer>
 #include <QtTest>
 
-// The reference host's command-line contract: exit statuses, what goes to standard output and
-// standard error, cancelling from a third thread, the per-product summary.
+namespace {
+const QString answered = "<\\?xml version=\"1.0\"\\?>\n<root>\n.*<update>.*</root>\n";
+const QString nothing = "<\\?xml version=\"1.0\"\\?>\n<root>\n    <updates/>\n    <product_news/>\n</root>\n";
+const QString warning = "^tav-host: warning: ";
+const QString usageHint = "^Try 'tav-host --help' for the options\\.$";
+const QStringList twoProducts{"MEDIA-STUDIO-2014", "MEDIA-TOOLS-2013"};
+
+// One line as the plug-in's log writes it: the level, then the text, quoted when it was a QString.
+QString logged(int level, const QString& text, bool quoted = false)
+{
+    return QString::number(level) + (quoted ? " \"" + QString(text).replace("\"", "\\\"") + "\"" : " " + text);
+}
+QStringList askedFor(const QString& media, const QStringList& outcome)
+{
+    return QStringList{logged(0, "NetworkManager::call_GetTAVProductInfo: mediaId=[" + media + "];updateId=[1];showTestUpdate=[0]", true)}
+        + outcome;
+}
+const QString net = "NetworkManager::sendRequestToKep: ";
+const QStringList replyOk{logged(0, net + "reply ok")};
+QStringList failed(int code, const QString& text, bool cached)
+{
+    return {logged(2, net + QString("reply error [%1]: %2").arg(code).arg(text), true), logged(0, net + "try loading data from cache..."),
+            logged(0, net + (cached ? "cached data loaded" : "no cache data"))};
+}
+const QStringList timedOut = QStringList{logged(0, net + "request is aborted by timeout")} + failed(5, "Operation canceled", false);
+const QString found = logged(0, "LocalDataBaseManager::readProductsDb: AUTOUNINSTALL flag is OFF, continuing");
+const QString finished = logged(0, "KepDataProviderPlugin::getData(): finished. Status = 0", true);
+const QString cancelSent = logged(0, "KepDataProviderPlugin::cancelCurrentAction()");
+const QString cancelTaken = logged(0, "DataManager::cancelAction(): requested cancel");
+} // namespace
+
+// The reference host's command line and what it says about a run: exit statuses, standard
+// output, the warnings for products the service did not answer, progress, the summary.
 class TestTavHost : public QObject
 {
     Q_OBJECT
 private slots:
-    void commandLines_data()
+    // From the plug-in's log lines to the warnings, one cause per line.
+    void warnings_data()
     {
-        QTest::addColumn<QString>("products"); // "" none, else STUDIO per user and the other system-wide
+        QTest::addColumn<QStringList>("lines");
+        QTest::addColumn<QVariant>("url");
+        QTest::addColumn<bool>("incomplete");
+        QTest::addColumn<QStringList>("warnings");
+        const QVariant url("http://kep.invalid/");
+        const QString at = "tav-host: warning: %1 got no answer from the service at \"http://kep.invalid/\": %2";
+        QTest::newRow("all answered") << QStringList{found, found} + askedFor("A", replyOk) + askedFor("B", replyOk) + QStringList{finished}
+                                      << url << false << QStringList();
+        QTest::newRow("time-out, the cache answered")
+            << askedFor("A", QStringList(timedOut.mid(0, 3)) + QStringList{logged(0, net + "cached data loaded")}) + askedFor("B", replyOk) << url << true
+            << QStringList{at.arg("1 of 2 products", "no answer within 60 seconds; 1 was answered from the cache")};
+        QTest::newRow("two causes, in the order they came")
+            << askedFor("A", failed(1, "Connection refused", false)) + askedFor("B", timedOut) + askedFor("C", failed(1, "Connection refused", true))
+            << url << true
+            << QStringList{at.arg("2 of 3 products", "connection refused (error 1: Connection refused); 1 was answered from the cache"),
+                           at.arg("1 of 3 products", "no answer within 60 seconds; 0 were answered from the cache")};
+        QTest::newRow("cancelled under way") << askedFor("A", replyOk) + QStringList{cancelSent, cancelTaken}
+                + askedFor("B", {logged(2, net + "operation cancelled")}) + QStringList{finished} << url << true
+            << QStringList{at.arg("1 of 2 products", "the check was cancelled while the request was under way; 0 were answered from the cache")};
+        QTest::newRow("no address, quoted error text") << askedFor("A", failed(301, "Protocol \"\" is unknown", false)) << QVariant() << true
+            << QStringList{"tav-host: warning: 1 of 1 product got no answer from the service (no address set): the address is not an "
+                           "http:// or https:// URL (error 301: Protocol \"\" is unknown); 0 were answered from the cache",
+                           "tav-host: warning: the setting KepWebServiceUrl is not set: give it with --set KepWebServiceUrl=URL or in a --settings file"};
+        QTest::newRow("address without scheme") << askedFor("A", failed(301, "Protocol \"localhost\" is unknown", false)) << QVariant("localhost:80/")
+            << true
+            << QStringList{"tav-host: warning: 1 of 1 product got no answer from the service at \"localhost:80/\": the address is not an "
+                           "http:// or https:// URL (error 301: Protocol \"localhost\" is unknown); 0 were answered from the cache",
+                           "tav-host: warning: the setting KepWebServiceUrl \"localhost:80/\" does not start with http:// or https://"};
+        QTest::newRow("cancel before the run had begun") << QStringList{cancelSent, found} + askedFor("A", replyOk) + QStringList{finished}
+                                                         << url << false
+            << QStringList{"tav-host: warning: the cancel came before the plug-in had started its run and was ignored"};
+        QTest::newRow("cancel after the run") << askedFor("A", replyOk) + QStringList{finished, cancelSent} << url << false << QStringList();
+    }
+
+    void warnings()
+    {
+        QFETCH(QStringList, lines);
+        QFETCH(QVariant, url);
+        RunSummary summary;
+        for (const QString& line : lines)
+            summary.feed(line);
+        summary.finish();
+        const RunWarnings warnings(summary.outcomes(), url, summary.cancelLost());
+        QTEST(warnings.incomplete(), "incomplete");
+        QTEST(warnings.lines(), "warnings");
+    }
+
+    void nearMisses_data()
+    {
+        QTest::addColumn<QString>("key");
+        QTest::addColumn<QString>("meant"); // empty: no warning
+        QTest::newRow("exact") << "KepWebServiceUrl" << "";
+        QTest::newRow("case") << "KepWebServiceURL" << "KepWebServiceUrl";
+        QTest::newRow("separators") << "kep_web_service_url" << "KepWebServiceUrl";
+        QTest::newRow("other key's case") << "showtestupdates" << "ShowTestUpdates";
+        QTest::newRow("another word") << "KepWebServiceUri" << "";
+        QTest::newRow("unrelated") << "Proxy" << "";
+    }
+
+    void nearMisses()
+    {
+        QFETCH(QString, key);
+        QFETCH(QString, meant);
+        const QString warning = SettingsCheck::nearMiss(key);
+        QCOMPARE(warning.isEmpty(), meant.isEmpty());
+        QVERIFY2(meant.isEmpty() || warning.endsWith("did you mean " + meant + "?"), qPrintable(warning));
+    }
+
+    // On a terminal: one line, rewritten in place, that turns into a notice after a few seconds
+    // and is wiped before anything else is written.
+    void progressInPlace()
+    {
+        QTemporaryFile file;
+        QVERIFY(file.open());
+        std::FILE* out = std::fopen(qPrintable(file.fileName()), "w");
+        QVERIFY(out);
+        ProgressReport progress(ProgressReport::Mode::InPlace, "http://kep.invalid/", out);
+        progress.productStarted(2, 4, "M");
+        const auto written = [&file] { return QString::fromUtf8(TestDb::readFile(file.fileName())); };
+        QCOMPARE(written(), QString("\rtav-host: checking product 2 of 4 (media M)\033[K"));
+        QTRY_VERIFY_WITH_TIMEOUT(written().contains("\rtav-host: product 2 of 4 (media M): waiting for the service at "
+                                                    "http://kep.invalid/ for 3 s, giving up at "), 6000);
+        QVERIFY2(written().contains("\rtav-host: checking product 2 of 4 (media M), 1 s\033[K"), qPrintable(written()));
+        ProgressReport::clearLine(out);
+        QVERIFY(written().endsWith("\033[K\r\033[K"));
+        progress.finish(); // nothing left to wipe
+        QVERIFY(written().endsWith("\033[K\r\033[K"));
+        std::fclose(out);
+    }
+
+    void simulatorCommandLine_data()
+    {
         QTest::addColumn<QStringList>("arguments");
         QTest::addColumn<int>("exitCode");
         QTest::addColumn<QString>("out"); // a pattern for all of standard output
-        QTest::addColumn<QStringList>("err"); // patterns of whole lines on standard error
-        const QString xml = "<\\?xml version=\"1.0\"\\?>\n<root>\n.*<update>.*</root>\n";
-        const QStringList none;
-        auto refused = [](const QStringList& arguments, int code, const QString& reason) {
-            QTest::addRow("%s", qPrintable(arguments.join(' ').replace(TAVCORE_PATH, "tavcore")))
-                << "" << arguments << code << "" << QStringList{"^tav-host: " + reason + "$"};
+        QTest::addColumn<QString>("err"); // and of standard error
+        QTest::newRow("help") << QStringList{"--help"} << 0
+                              << "Usage: kep-sim \\[options\\]\n.*--fixtures <DIR>.*--tls <CERT> <KEY>.*\nExit status:\n.*  64 .*" << "";
+        QTest::newRow("version") << QStringList{"--version"} << 0 << "kep-sim \\d+\\.\\d+\\.\\d+\\.\\d+\n" << "";
+        QTest::newRow("unknown option") << QStringList{"--bogus"} << 64 << ""
+                                        << "kep-sim: Unknown option 'bogus'\\.\nTry 'kep-sim --help' for the options\\.\n";
+        QTest::newRow("tls without key") << QStringList{"--fixtures", KEP_FIXTURES_DIR, "--tls", "cert.pem"} << 64 << ""
+                                         << "kep-sim: --tls needs CERT and KEY\n";
+    }
+
+    void simulatorCommandLine()
+    {
+        QFETCH(QStringList, arguments);
+        QProcess sim;
+        sim.start(KEP_SIM_PATH, arguments);
+        QVERIFY(sim.waitForFinished(10000) && sim.exitStatus() == QProcess::NormalExit);
+        QTEST(sim.exitCode(), "exitCode");
+        QFETCH(QString, out);
+        QFETCH(QString, err);
+        const auto matches = [](const QString& pattern, const QByteArray& text) {
+            return QRegularExpression(QRegularExpression::anchoredPattern(pattern), QRegularExpression::DotMatchesEverythingOption)
+                .match(QString::fromUtf8(text)).hasMatch();
         };
-        refused({"--frobnicate"}, 64, "unknown argument --frobnicate");
-        refused({"--plugin"}, 64, "--plugin needs a value");
-        refused({"--log-level", "high"}, 64, "--log-level expects a number of 0 or more, got high");
-        refused({"--cancel-after", "-5"}, 64, "--cancel-after expects a number of 0 or more, got -5");
-        refused({"--set", "KepWebServiceUrl"}, 64, "--set expects KEY=VALUE, got KepWebServiceUrl");
-        refused({"--settings", "/nonexistent/tav.conf"}, 64, "cannot read settings file.*");
-        refused({"--plugin", TAVCORE_PATH}, 1, "cannot read plug-in metadata.*");
-        QTest::newRow("help") << "" << QStringList{"--help"} << 0 << "usage: tav-host .*\n" << none;
-        QTest::newRow("no products") << "" << none << 5 << "" << none;
+        const QByteArray written = sim.readAllStandardOutput(), error = sim.readAllStandardError();
+        QVERIFY2(matches(out, written), written.constData());
+        QVERIFY2(matches(err, error), error.constData());
+    }
+
+    void commandLines_data()
+    {
+        QTest::addColumn<QStringList>("products"); // the first per user, the others system-wide
+        QTest::addColumn<QStringList>("simArguments");
+        QTest::addColumn<QStringList>("arguments"); // %url: the simulator's, %closed: a port nobody listens on
+        QTest::addColumn<QByteArray>("settingsFile"); // given with --settings when not empty
+        QTest::addColumn<bool>("primeCache"); // one healthy run first
+        QTest::addColumn<int>("exitCode");
+        QTest::addColumn<QString>("out"); // a pattern for all of standard output
+        QTest::addColumn<QStringList>("err"); // patterns of whole lines on standard error; no other warnings
+        const QStringList none;
+        const QStringList withUrl{"--set", "KepWebServiceUrl=%url"};
+        auto refused = [](const char* name, const QStringList& arguments, const QStringList& err, const QByteArray& settings = {}) {
+            QTest::newRow(name) << QStringList() << QStringList() << arguments << settings << false << 64 << "" << err;
+        };
+        refused("unknown option", {"--frobnicate"}, {"^tav-host: Unknown option 'frobnicate'\\.$", usageHint});
+        refused("value missing", {"--plugin"}, {"^tav-host: Missing value after '--plugin'\\.$", usageHint});
+        refused("stray argument", {"extra"}, {"^tav-host: unexpected argument extra$", usageHint});
+        refused("log level too high", {"--log-level", "7"}, {"^tav-host: --log-level expects 0, 1 or 2, got 7$"});
+        refused("log level not a number", {"--log-level", "high"}, {"^tav-host: --log-level expects 0, 1 or 2, got high$"});
+        refused("negative cancel", {"--cancel-after", "-5"}, {"^tav-host: --cancel-after expects milliseconds from 0 to 86400000, got -5$"});
+        refused("set without value", {"--set", "KepWebServiceUrl"}, {"^tav-host: --set expects KEY=VALUE, got KepWebServiceUrl$"});
+        refused("progress and quiet", {"--progress", "--quiet"}, {"^tav-host: --progress and --quiet exclude each other$"});
+        refused("screenshot without window", {"--screenshot", "x.png"}, {"^tav-host: --screenshot needs --gui$"});
+        refused("missing settings file", {"--settings", "/nonexistent/tav.conf"}, {"^tav-host: settings file /nonexistent/tav.conf does not exist$"});
+        refused("settings under a section", {}, {"^tav-host: settings file .*, line 2: keys under the section \\[Kep\\] are not read; .*$"},
+                "; the service\n[Kep]\nKepWebServiceUrl=http://127.0.0.1:1/\n");
+        refused("binary settings", {}, {"^tav-host: settings file .* is not a text file \\(binary content at byte 8\\)$"},
+                QByteArray("\x89PNG\r\n\x1a\n\0\0\0\rIHDR", 16));
+        refused("settings without keys", {}, {"^tav-host: settings file .* holds no KEY=VALUE lines$"}, "; nothing here\n\n");
+        refused("settings line without =", {}, {"^tav-host: settings file .*, line 1: expected KEY=VALUE, got \"KepWebServiceUrl http://x/\"$"},
+                "KepWebServiceUrl http://x/\n");
+        QTest::newRow("not a plug-in") << none << none << QStringList{"--plugin", TAVCORE_PATH} << QByteArray() << false << 1 << ""
+                                       << QStringList{"^tav-host: cannot read plug-in metadata.*"};
+        QTest::newRow("help") << none << none << QStringList{"--help"} << QByteArray() << false << 0
+                              << "Usage: tav-host \\[options\\]\n.*--strict .*--progress .*\nExit status:\n.*  3 .*\nEnvironment:\n"
+                                 ".*TAV_SYSTEM_DB_DIR.*\nSettings file:\n.*KepWebServiceUrl.*\nWorking directory:\n.*" << none;
+        QTest::newRow("version") << none << none << QStringList{"--version"} << QByteArray() << false << 0
+                                 << "tav-host \\d+\\.\\d+\\.\\d+\\.\\d+\nplug-in KEP 2\\.0\\.0\\.0 \\(.*libkepdataprovider\\.so\\)\n" << none;
+        QTest::newRow("no products") << none << none << withUrl << QByteArray() << false << 5 << "" << none;
+        QTest::newRow("settings file with [General]") << twoProducts << none << QStringList() << QByteArray("[General]\nKepWebServiceUrl=%url\n")
+                                                      << false << 0 << answered << none;
+
+        // Products the service did not answer, whatever the log level.
+        const QString noAnswer = warning + "2 of 2 products got no answer from the service ";
+        QTest::newRow("misspelt key") << twoProducts << none << QStringList{"--set", "KepWebServiceURL=%url"} << QByteArray() << false << 0 << nothing
+            << QStringList{warning + "the setting KepWebServiceURL is not read by the plug-in \\(names are case-sensitive\\); did you mean KepWebServiceUrl\\?$",
+                           noAnswer + "\\(no address set\\): .*; 0 were answered from the cache$",
+                           warning + "the setting KepWebServiceUrl is not set: .*$"};
+        QTest::newRow("empty address") << twoProducts << none << QStringList{"--set", "KepWebServiceUrl="} << QByteArray() << false << 0 << nothing
+            << QStringList{noAnswer + "at \"\": .*; 0 were answered from the cache$", warning + "the setting KepWebServiceUrl is empty$"};
+        QTest::newRow("address without scheme") << twoProducts << none << QStringList{"--set", "KepWebServiceUrl=127.0.0.1:1/"} << QByteArray() << false
+            << 0 << nothing << QStringList{noAnswer + "at \"127.0.0.1:1/\": .*; 0 were answered from the cache$",
+                                      warning + "the setting KepWebServiceUrl \"127.0.0.1:1/\" does not start with http:// or https://$"};
+        QTest::newRow("refused") << twoProducts << none << QStringList{"--set", "KepWebServiceUrl=%closed"} << QByteArray() << false << 0 << nothing
+            << QStringList{noAnswer + "at \"http://127.0.0.1:\\d+/\": connection refused \\(error 1: .*\\); 0 were answered from the cache$"};
+        QTest::newRow("refused, strict") << twoProducts << none << QStringList{"--set", "KepWebServiceUrl=%closed", "--strict", "--log-level", "0"}
+            << QByteArray() << false << 3 << nothing << QStringList{noAnswer + "at .*; 0 were answered from the cache$"};
+        QTest::newRow("from the cache") << twoProducts << QStringList{"--fault", "reset"} << withUrl << QByteArray() << true << 0 << answered
+            << QStringList{noAnswer + "at \"http://127.0.0.1:\\d+/\": .*; 2 were answered from the cache$"};
+        QTest::newRow("from the cache, strict") << twoProducts << QStringList{"--fault", "reset"} << withUrl + QStringList{"--strict"} << QByteArray()
+            << true << 3 << answered << QStringList{noAnswer + "at .*; 2 were answered from the cache$"};
+
         // The service takes its time whenever the run is to be cancelled.
-        QTest::newRow("cancelled from a third thread") << "MEDIA-TOOLS-2013" << QStringList{"--cancel-after", "1500"} << 2
-                                                       << "" << none;
-        QTest::newRow("answered, cancel after the run ended") << "MEDIA-TOOLS-2013" << QStringList{"--cancel-after", "60000"}
-                                                              << 0 << xml << none;
-        // Learnt from the level-0 trace, which the default level still keeps off standard error.
-        QTest::newRow("summary") << "MEDIA-UNKNOWN" << QStringList{"--summary"} << 0 << xml
-                                 << QStringList{"^summary: media \\[MEDIA-STUDIO-2014\\] update \\[1200\\] \\d+ ms, service, 2 updates, 2 news$",
-                                                "^summary: media \\[MEDIA-UNKNOWN\\] update \\[310\\] \\d+ ms, service, 0 updates, 0 news$",
-                                                "^summary: 2 products asked in \\d+ ms \\(service 2, cache 0, none 0, "
-                                                "cancelled 0\\), 2 updates, 2 news$"};
+        const QStringList slow{"--delay-ms", "3000"};
+        const QString cancelled = warning + "1 of %1 got no answer from the service at .*: the check was cancelled while the request "
+                                            "was under way; 0 were answered from the cache$";
+        QTest::newRow("cancelled from a third thread") << twoProducts << slow << withUrl + QStringList{"--cancel-after", "1000"} << QByteArray()
+                                                       << false << 2 << "" << QStringList{cancelled.arg("1 product")};
+        // The plug-in looks for a cancel only before each product: the run completes.
+        QTest::newRow("cancelled during the last product") << QStringList{twoProducts.first()} << slow << withUrl + QStringList{"--cancel-after", "1000"}
+            << QByteArray() << false << 0 << nothing << QStringList{cancelled.arg("1 product")};
+        QTest::newRow("cancelled during the last product, strict") << QStringList{twoProducts.first()} << slow
+            << withUrl + QStringList{"--cancel-after", "1000", "--strict"} << QByteArray() << false << 3 << nothing << QStringList{cancelled.arg("1 product")};
+        QTest::newRow("answered, cancel after the run ended") << QStringList{twoProducts.last()} << none << withUrl + QStringList{"--cancel-after", "60000"}
+                                                              << QByteArray() << false << 0 << answered << none;
+        QTest::newRow("progress") << QStringList{twoProducts.first()} << QStringList{"--delay-ms", "4000"} << withUrl + QStringList{"--progress"} << QByteArray()
+            << false << 0 << answered
+            << QStringList{"^tav-host: checking product 1 of 1 \\(media MEDIA-STUDIO-2014\\)$",
+                           "^tav-host: product 1 of 1 \\(media MEDIA-STUDIO-2014\\): waiting for the service at http://127.0.0.1:\\d+/ "
+                           "for 3 s, giving up at \\d\\d:\\d\\d:\\d\\d$"};
+        // Learnt from the level-0 trace, which the default level still keeps off standard error. A
+        // media id the service does not know is an answer from it.
+        QTest::newRow("summary") << QStringList{"MEDIA-STUDIO-2014", "MEDIA-LEGACY-10", "MEDIA-UNKNOWN"} << none << withUrl + QStringList{"--summary"}
+            << QByteArray() << false << 0 << answered
+            << QStringList{"^summary: media \\[MEDIA-STUDIO-2014\\] update \\[1\\] \\d+ ms, service, 2 updates, 2 news$",
+                           "^summary: media \\[MEDIA-LEGACY-10\\] update \\[2\\] \\d+ ms, service, 1 update, 1 news$",
+                           "^summary: media \\[MEDIA-UNKNOWN\\] update \\[3\\] \\d+ ms, service, 0 updates, 0 news$",
+                           "^summary: 3 products asked in \\d+ ms \\(service 3, cache 0, none 0, cancelled 0\\), 3 updates, 3 news$"};
     }
 
     void commandLines()
     {
-        QFETCH(QString, products);
+        QFETCH(QStringList, products);
+        QFETCH(QStringList, simArguments);
         QFETCH(QStringList, arguments);
+        QFETCH(QByteArray, settingsFile);
+        QFETCH(bool, primeCache);
         QFETCH(int, exitCode);
         QFETCH(QString, out);
         QFETCH(QStringList, err);
         QVERIFY2(TestDb::isolated(), "run through ctest: needs the temporary databases");
         TestDb::reset();
+        for (int i = 0; i < products.size(); ++i)
+            TestDb::writeRecord(i == 0, QString("{P%1}").arg(i), {{"MediaID", products.at(i)}, {"UpdateID", QString::number(i + 1)}});
         KepSimProcess sim;
-        QVERIFY2(sim.start(KEP_SIM_PATH, KEP_FIXTURES_DIR, {"--delay-ms", exitCode == 2 ? "5000" : "0"}), qPrintable(sim.errorText()));
-        if (!products.isEmpty()) {
-            TestDb::writeRecord(true, "{STUDIO}", {{"MediaID", "MEDIA-STUDIO-2014"}, {"UpdateID", "1200"}});
-            TestDb::writeRecord(false, "{OTHER}", {{"MediaID", products}, {"UpdateID", "310"}});
+        QVERIFY2(sim.start(KEP_SIM_PATH, KEP_FIXTURES_DIR, simArguments), qPrintable(sim.errorText()));
+        QTcpServer closed;
+        QVERIFY(closed.listen(QHostAddress::LocalHost));
+        const QString closedUrl = QString("http://127.0.0.1:%1/").arg(closed.serverPort());
+        closed.close();
+        arguments.replaceInStrings("%url", sim.url()).replaceInStrings("%closed", closedUrl);
+        QTemporaryDir scratch; // a cache of the row's own, a working directory, the settings file
+        if (!settingsFile.isEmpty()) {
+            QVERIFY(TestDb::writeFile(scratch.filePath("tav.conf"), settingsFile.replace("%url", sim.url().toUtf8())));
+            arguments << "--settings" << scratch.filePath("tav.conf");
         }
+        QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+        environment.insert("XDG_CACHE_HOME", scratch.filePath("cache"));
         QProcess host;
+        host.setProcessEnvironment(environment);
+        host.setWorkingDirectory(scratch.path());
+        if (primeCache) {
+            KepSimProcess healthy;
+            QVERIFY2(healthy.start(KEP_SIM_PATH, KEP_FIXTURES_DIR), qPrintable(healthy.errorText()));
+            host.start(TAV_HOST_PATH, {"--set", "KepWebServiceUrl=" + healthy.url(), "--strict"});
+            QVERIFY(host.waitForFinished(60000));
+            QCOMPARE(host.exitCode(), 0);
+        }
         QElapsedTimer clock;
         clock.start();
-        host.start(TAV_HOST_PATH, QStringList{"--set", "KepWebServiceUrl=" + sim.url()} + arguments);
+        host.start(TAV_HOST_PATH, arguments);
         QVERIFY(host.waitForFinished(120000) && host.exitStatus() == QProcess::NormalExit);
         QVERIFY2(clock.elapsed() < 30000, "a cancelled or finished run must not wait for the time-out");
-        QCOMPARE(host.exitCode(), exitCode);
         const QString written = host.readAllStandardOutput(), error = host.readAllStandardError();
+        QVERIFY2(host.exitCode() == exitCode, qPrintable(QString("exit %1\n%2").arg(host.exitCode()).arg(error)));
         QVERIFY2(QRegularExpression(QRegularExpression::anchoredPattern(out), QRegularExpression::DotMatchesEverythingOption)
                      .match(written).hasMatch(), qPrintable(written.left(300)));
         for (const QString& line : err)
-            QVERIFY2(QRegularExpression(line, QRegularExpression::MultilineOption).match(error).hasMatch(), qPrintable(error));
+            QVERIFY2(QRegularExpression(line, QRegularExpression::MultilineOption).match(error).hasMatch(), qPrintable(line + "\n" + error));
+        QCOMPARE(error.count("\ntav-host: warning: ") + error.startsWith("tav-host: warning: "), err.filter(warning).size());
         QCOMPARE(error.count("summary: "), err.filter("summary").size());
-        QVERIFY2(!error.contains("call_GetTAVProductInfo"), qPrintable(error));
+        QCOMPARE(error.contains("tav-host: checking product"), arguments.contains("--progress") && exitCode != 64);
+        QCOMPARE(error.contains("call_GetTAVProductInfo"), arguments.join(" ").contains("--log-level 0"));
     }
 };
 

@@ -44,16 +44,16 @@ private slots:
         };
         QTest::newRow("update, every field")
             << "UpdateEntry" << update
-            << QVariantMap{{"title", "Studio 2014 Update 3"}, {"publishDate", "18 Jun 2014"}, {"downloadSize", "775 MB"},
+            << QVariantMap{{"title", "Studio 2014 Update 3"}, {"publishDate", "18 Jun 2014"}, {"downloadSize", "775 MiB"},
                            {"relatedUpdates", "Related updates: 1180, 1150"}, {"oneClickBadge", true},
                            {"description", true}, {"moreInformation", true}};
-        with("publishDate", "", {{"publishDate", false}, {"downloadSize", "775 MB"}});
+        with("publishDate", "", {{"publishDate", false}, {"downloadSize", "775 MiB"}});
         with("relatedUpdates", QStringList(), {{"relatedUpdates", false}, {"description", true}});
         // A previous-generation product's update says "0"; only exactly "1" earns the badge.
         with("oneClickSupported", "0", {{"oneClickBadge", false}, {"title", "Studio 2014 Update 3"}});
         with("oneClickSupported", "true", {{"oneClickBadge", false}});
-        for (const auto& [bytes, shown] : {std::pair("1023", "1023 bytes"), {"1024", "1.0 KB"}, {"10239", "10 KB"},
-                                           {" 1610612736 ", "1.5 GB"}, {"-5", ""}, {"about 5 MB", ""}})
+        for (const auto& [bytes, shown] : {std::pair("1023", "1023 bytes"), {"1024", "1.0 KiB"}, {"10239", "10 KiB"},
+                                           {" 1610612736 ", "1.5 GiB"}, {"-5", ""}, {"about 5 MB", ""}})
             with("downloadSize", bytes, {{"downloadSize", *shown ? QVariant(shown) : false}});
         QTest::newRow("update, only a title") << "UpdateEntry" << QVariantMap{{"title", "Hot fix"}}
             << QVariantMap{{"publishDate", false}, {"downloadSize", false}, {"description", false}, {"relatedUpdates", false}};
@@ -61,9 +61,38 @@ private slots:
                                             << QVariantMap{{"title", "Meet-up"}, {"publishDate", false}};
         QTest::newRow("section without a count") << "SectionHeader" << QVariantMap{{"text", "News"}}
                                                  << QVariantMap{{"sectionTitle", "News"}, {"sectionCount", false}};
+        // The host decides the state; the control says it in words.
+        const auto state = [](const char* name, const QVariantMap& properties, const QVariantMap& expected) {
+            QTest::newRow(name) << "EmptyState" << properties << expected;
+        };
         for (const auto& [kind, headline] : {std::pair("upToDate", "Everything is up to date"), {"cancelled", "Check cancelled"},
                                              {"noProducts", "No registered products"}, {"exploded", "Not checked yet"}})
-            QTest::newRow(kind) << "EmptyState" << QVariantMap{{"kind", kind}} << QVariantMap{{"stateHeadline", headline}};
+            state(kind, {{"kind", kind}}, {{"stateHeadline", headline}, {"retryButton", false}});
+        state("checking, product known", {{"kind", "checking"}, {"productIndex", 3}, {"productCount", 12}},
+              {{"stateHeadline", "Checking for updates\u2026"}, {"stateDetail", "Checking product 3 of 12"}});
+        state("checking, products not read yet", {{"kind", "checking"}, {"productCount", 12}},
+              {{"stateDetail", "Reading the registered products"}});
+        state("unreachable", {{"kind", "unreachable"}, {"reason", "connection refused"}},
+              {{"stateHeadline", "Could not check for updates"}, {"stateDetail", "The service could not be reached: connection refused."},
+               {"retryButton", "Try again"}});
+        state("offline, nothing to list", {{"kind", "offline"}, {"reason", "connection refused"}},
+              {{"stateHeadline", "Nothing to show"}, {"retryButton", false}});
+        const auto banner = [](const char* name, const QVariantMap& properties, const QVariantMap& expected) {
+            QTest::newRow(name) << "StatusBanner" << properties << expected;
+        };
+        banner("banner, all from the cache", {{"reason", "no answer within 60 seconds"}, {"productCount", 4}, {"cachedCount", 4}},
+               {{"bannerHeadline", "The service could not be reached: no answer within 60 seconds."},
+                {"bannerDetail", "4 of 4 products are shown from the cache of an earlier check."}});
+        banner("banner, cached and unchecked", {{"reason", "connection refused"}, {"productCount", 4}, {"cachedCount", 1},
+                                                {"uncheckedCount", 3}},
+               {{"bannerDetail", "1 of 4 products is shown from the cache of an earlier check. 3 of 4 products are not checked."}});
+        // A cancel during the last product's request still completes the run.
+        banner("banner, cancelled under way", {{"reason", "the check was cancelled while the request was under way"}, {"productCount", 4},
+                                               {"uncheckedCount", 1}, {"cancelledCount", 1}},
+               {{"bannerHeadline", "The check was cancelled before every product was answered."},
+                {"bannerDetail", "1 of 4 products is not checked."}});
+        banner("banner, the one product", {{"productCount", 1}, {"uncheckedCount", 1}},
+               {{"bannerHeadline", "The service could not be reached."}, {"bannerDetail", "1 of 1 product is not checked."}});
     }
 
     void controls()

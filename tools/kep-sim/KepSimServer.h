@@ -4,7 +4,6 @@
 #include "FixtureStore.h"
 
 #include <KDSoapServer/KDSoapServer.h>
-#include <QSet>
 
 namespace KepSim {
 
@@ -18,17 +17,12 @@ public:
 
     QObject* createServerObject() override;
 
-protected:
-    void incomingConnection(qintptr descriptor) override;
-    bool eventFilter(QObject* watched, QEvent* event) override;
-
 private:
     Q_DISABLE_COPY(KepSimServer)
 
     FixtureStore fixtures_;
     int delayMs_;
     AnswerFault fault_;
-    QSet<qintptr> connections_;
 };
 
 } // namespace KepSim

@@ -1,7 +1,9 @@
 #include "KepSimServerObject.h"
 
+#include <QAbstractSocket>
 #include <QElapsedTimer>
 #include <QMessageAuthenticationCode>
+#include <QPointer>
 #include <QTextStream>
 #include <QTimer>
 
@@ -102,9 +104,18 @@ void KepSimServerObject::processRequest(const KDSoapMessage& request, KDSoapMess
         response = answer;
         return;
     }
-    // Delayed on the event loop, so a slow answer never holds up other connections.
+    // Delayed on the event loop, so a slow answer never holds up other connections. A client
+    // may go away meanwhile: the SOAP server library asserts when it cannot write the answer's
+    // header to a closed socket, and its handle does not follow a deleted one, so the answer
+    // goes only to a socket that is still there and connected.
     const KDSoapDelayedResponseHandle handle = prepareDelayedResponse();
-    QTimer::singleShot(delayMs_, this, [this, handle, answer] { sendDelayedResponse(handle, answer); });
+    const QPointer<QAbstractSocket> socket = serverSocket();
+    QTimer::singleShot(delayMs_, this, [this, handle, answer, socket] {
+        if (socket && socket->state() == QAbstractSocket::ConnectedState)
+            sendDelayedResponse(handle, answer);
+        else
+            QTextStream(stderr) << "kep-sim: the client went away before the delayed answer" << Qt::endl;
+    });
 }
 
 } // namespace KepSim

@@ -42,8 +42,13 @@ int main(int argc, char** argv)
     }
 
     QCommandLineParser parser;
-    parser.setApplicationDescription(QStringLiteral("Kep registration service simulator on 127.0.0.1."));
-    parser.addHelpOption();
+    parser.setApplicationDescription(QStringLiteral(
+        "Kep registration service simulator: serves SOAP 1.1 GetTAVProductInfo on 127.0.0.1\n"
+        "from a folder of fixtures, checks the login and password, and prints one line\n"
+        "\"kep-sim listening on URL\" on standard output when it is ready; one line per\n"
+        "request goes to standard error."));
+    const QCommandLineOption helpOption({QStringLiteral("h"), QStringLiteral("help")}, QStringLiteral("Show this help and exit."));
+    const QCommandLineOption versionOption(QStringLiteral("version"), QStringLiteral("Show the version and exit."));
     const QCommandLineOption fixturesOption(QStringLiteral("fixtures"),
         QStringLiteral("Folder of fixtures: <mediaId>/<updateId>.xml or <mediaId>/default.xml."), QStringLiteral("DIR"));
     const QCommandLineOption portOption(QStringLiteral("port"), QStringLiteral("Port to listen on; 0 picks a free one."),
@@ -53,12 +58,27 @@ int main(int argc, char** argv)
     const QCommandLineOption faultOption(QStringLiteral("fault"),
         QStringLiteral("Inject one fault into every answer:\n") + KepSim::AnswerFault::description(),
         QStringLiteral("MODE"));
-    parser.addOptions({fixturesOption, portOption, delayOption, faultOption});
+    // Shown in the help only: its two values are taken out before parsing.
+    const QCommandLineOption tlsOption(QStringLiteral("tls"), QStringLiteral("Serve HTTPS with this PEM certificate chain and key."),
+                                       QStringLiteral("CERT> <KEY"));
+    parser.addOptions({helpOption, versionOption, fixturesOption, portOption, delayOption, faultOption, tlsOption});
     if (!parser.parse(arguments))
-        return fail(usageError, parser.errorText());
-    if (parser.isSet(QStringLiteral("help"))) {
-        QTextStream(stdout) << parser.helpText()
-                            << "  --tls <CERT> <KEY>     Serve HTTPS with this PEM certificate chain and key.\n";
+        return fail(usageError, parser.errorText() + QStringLiteral("\nTry 'kep-sim --help' for the options."));
+    if (parser.isSet(helpOption)) {
+        QString help = parser.helpText();
+        // The parser names the program as it was started; people and man pages want its name.
+        help.replace(0, help.indexOf(QLatin1String(" [options]")), QStringLiteral("Usage: kep-sim"));
+        QTextStream(stdout) << help << "\n"
+                            << "Exit status:\n"
+                               "  kep-sim serves until a signal stops it; it exits by itself only for:\n"
+                               "  0   --help or --version\n"
+                               "  1   cannot listen on the port\n"
+                               "  64  usage error: unknown option, bad value, missing fixtures folder,\n"
+                               "      unreadable TLS certificate or key\n";
+        return 0;
+    }
+    if (parser.isSet(versionOption)) {
+        QTextStream(stdout) << "kep-sim " << KEP_VERSION << "\n";
         return 0;
     }
     if (!parser.positionalArguments().isEmpty())

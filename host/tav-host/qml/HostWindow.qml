@@ -11,6 +11,11 @@ Window {
     objectName: "hostWindow"
 
     readonly property int entryCount: host.updates.length + host.news.length
+
+    function counts() {
+        return (host.updates.length === 1 ? qsTr("1 update") : qsTr("%1 updates").arg(host.updates.length))
+            + ", " + qsTr("%1 news").arg(host.news.length);
+    }
     // The height that shows the whole answer without scrolling.
     readonly property int fullHeight: toolbar.height + flick.contentHeight
 
@@ -60,13 +65,19 @@ Window {
                 font.pixelSize: Style.fontNormal
                 text: {
                     if (host.busy)
-                        return qsTr("Checking for updates\u2026");
-                    switch (host.status) {
-                    case -1: return "";
-                    case 0: return qsTr("%1 updates, %2 news").arg(host.updates.length).arg(host.news.length);
-                    case 2: return window.entryCount > 0 ? qsTr("Cancelled: showing the previous check") : "";
-                    case 5: return "";
-                    default: return qsTr("Finished with status %1").arg(host.status);
+                        return host.productIndex > 0
+                            ? qsTr("Checking product %1 of %2\u2026").arg(host.productIndex).arg(host.productCount)
+                            : qsTr("Checking for updates\u2026");
+                    switch (host.state) {
+                    case "answered":
+                    case "upToDate":
+                        return window.counts();
+                    case "offline":
+                        return qsTr("%1, not all from the service").arg(window.counts());
+                    case "cancelled":
+                        return window.entryCount > 0 ? qsTr("Cancelled: showing the previous check") : "";
+                    default:
+                        return "";
                     }
                 }
             }
@@ -99,12 +110,24 @@ Window {
             width: Math.min(flick.width - 4 * Style.padding, Style.contentMaxWidth)
             spacing: Style.spacing
 
+            StatusBanner {
+                width: parent.width
+                visible: !host.busy && host.state === "offline"
+                reason: host.reason
+                productCount: host.productCount
+                cachedCount: host.cachedCount
+                uncheckedCount: host.uncheckedCount
+                cancelledCount: host.cancelledCount
+            }
+
             EmptyState {
                 width: parent.width
                 visible: window.entryCount === 0
-                kind: host.busy || host.status === -1 ? "notChecked"
-                    : host.status === 5 ? "noProducts"
-                    : host.status === 2 ? "cancelled" : "upToDate"
+                kind: host.state
+                reason: host.reason
+                productIndex: host.productIndex
+                productCount: host.productCount
+                onRetryRequested: host.checkForUpdates()
             }
 
             SectionHeader {
