@@ -68,6 +68,7 @@ static const QString RECORD_SUFFIX = QStringLiteral("ini");
 static const QString LEGACY_RECORD_SUFFIX = QStringLiteral(".properties");
 static const QString LEGACY_PROFILE_SUFFIX = QStringLiteral(".pf");
 static const QString REG_TOOL_LIBRARY = QStringLiteral("tav.dataprovider.kep.regtool");
+static constexpr int REG_TOOL_MAJOR_VERSION = 1;
 
 } // namespace Keys
 } // namespace KepPlugin

@@ -68,15 +68,13 @@ void readProfile(const QDomDocument& profile, QMap<QString, QString>& values)
 
 LocalDataBaseManager::LocalDataBaseManager(QObject* parent)
     : QObject(parent)
+    , regTool_(Keys::REG_TOOL_LIBRARY, Keys::REG_TOOL_MAJOR_VERSION)
 {
-    regTool_.setFileName(Keys::REG_TOOL_LIBRARY);
 }
 
 LocalDataBaseManager::~LocalDataBaseManager()
 {
     clearData();
-    if (regTool_.isLoaded())
-        regTool_.unload();
 }
 
 void LocalDataBaseManager::findRegisteredProducts()

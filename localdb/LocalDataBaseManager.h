@@ -1,8 +1,9 @@
 #pragma once
 
+#include "localdb/VersionedLibrary.h"
+
 #include <QDomDocument>
 #include <QHash>
-#include <QLibrary>
 #include <QList>
 #include <QObject>
 #include <QString>
@@ -41,7 +42,7 @@ private:
 
     QList<Product*> products_;
     QHash<QString, Product*> byGuid_;
-    QLibrary regTool_;
+    VersionedLibrary regTool_;
 };
 
 } // namespace KepPlugin

@@ -9,7 +9,8 @@
 using KepPlugin::LocalDataBaseManager;
 
 // What the manager hands the registration tool it looks up at run time, built twice: once where
-// the lookup finds a tool that records its calls, once where it finds none (KEP_REGTOOL_FOUND 0).
+// the lookup finds a tool that records its calls, once where the tool it finds has neither entry
+// point (KEP_REGTOOL_FOUND 0).
 class TestRegTool : public QObject
 {
     Q_OBJECT

@@ -172,7 +172,7 @@ private slots:
         row("zero byte ends the text", FakeHttpServer::ok(QByteArray("abc\0[10] x", 10)), 0, "abc", ok);
         // An answer the simulator gave, byte for byte: the payload comes out as the XML reader reads it,
         // white space collapsed the way HTML reads it.
-        QFile file(QFINDTESTDATA("data/kdsoap-answer-legacy.xml"));
+        QFile file(QStringLiteral(KEP_NETWORK_DATA_DIR "/kdsoap-answer-legacy.xml"));
         const QByteArray kdsoap = file.open(QIODevice::ReadOnly) ? file.readAll() : QByteArray();
         QDomDocument soap;
         QVERIFY(soap.setContent(kdsoap));
