@@ -1,4 +1,5 @@
 #include "../network/FakeHttpServer.h"
+#include "Compressed.h"
 #include "HostLimits.h"
 #include "KepSimProcess.h"
 #include "TestDb.h"
@@ -38,20 +39,6 @@ QByteArray gzipOfZeros(int times)
     }
     deflateEnd(&stream);
     return out;
-}
-
-QByteArray gzip(const QByteArray& text)
-{
-    // qCompress gives zlib data after a length; gzip wants its own header and trailer.
-    const QByteArray raw = qCompress(text, 9).mid(6).chopped(4);
-    QByteArray trailer(8, '\0');
-    const quint32 crc = quint32(crc32(0, reinterpret_cast<const Bytef*>(text.constData()), uInt(text.size())));
-    const quint32 size = quint32(text.size());
-    for (int i = 0; i < 4; ++i) {
-        trailer[i] = char(crc >> (8 * i));
-        trailer[4 + i] = char(size >> (8 * i));
-    }
-    return QByteArray("\x1f\x8b\x08\0\0\0\0\0\0\x03", 10) + raw + trailer;
 }
 
 QString markupRefused(const char* what) { return QString("reply error [299]: Answer markup %1, refused").arg(what); }
@@ -153,10 +140,10 @@ private slots:
         row("a link, host without a GUI", announced("<a href=x>y</a>"), markupRefused("holds a link"));
         // An entry stored before the limits: refused like an answer, so offline runs go on.
         row("hostile cached entry", {}, "cached data refused: Answer markup nested deeper than 64 elements, refused", "none", {}, 0, deep);
-        const QByteArray compressed = gzip(QByteArray("<p>Back at 6 pm.</p>").repeated(2000));
-        row("gzip cut short", ok + "Content-Encoding: gzip\r\nContent-Length: " + QByteArray::number(compressed.size()) + "\r\n\r\n"
-            + compressed.left(compressed.size() / 2), "reply error [");
-        QByteArray corrupt = compressed;
+        const QByteArray gzipped = compressed(QByteArray("<p>Back at 6 pm.</p>").repeated(2000), true);
+        row("gzip cut short", ok + "Content-Encoding: gzip\r\nContent-Length: " + QByteArray::number(gzipped.size()) + "\r\n\r\n"
+            + gzipped.left(gzipped.size() / 2), "reply error [");
+        QByteArray corrupt = gzipped;
         corrupt[corrupt.size() / 2] = char(corrupt[corrupt.size() / 2] ^ 0x55);
         row("corrupt gzip", announced(corrupt, "Content-Encoding: gzip\r\n"), "reply error [");
     }
