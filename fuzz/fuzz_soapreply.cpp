@@ -1,9 +1,13 @@
-// The transport's answer text: SOAP clean-up, the bracketed service code, then the reply parser.
+// The transport's answer text: SOAP clean-up (its plain reading checked against the HTML reader),
+// the bracketed service code, then the reply parser.
 #include "FuzzSupport.h"
 
 #include "model/Product.h"
+#include "network/EscapedReplyReader.h"
 #include "network/MarkupGuard.h"
 #include "network/NetworkManager.h"
+
+#include <QTextDocument>
 
 namespace {
 
@@ -28,6 +32,13 @@ extern "C" int LLVMFuzzerTestOneInput(const uint8_t* data, size_t size)
     if (!KepPlugin::MarkupGuard::refusal(reply).isEmpty())
         return 0;
     const QString text = NetworkManager::soapReplyToText(reply);
+    QString plain;
+    if (KepPlugin::EscapedReplyReader::read(reply, &plain)) {
+        QTextDocument document;
+        document.setHtml(reply);
+        if (document.toPlainText() != plain)
+            FuzzSupport::fail("plain reading differs from the HTML reader", reply);
+    }
     const int state = NetworkManager::stateOfReplyText(text);
     if (!knownState(state))
         FuzzSupport::fail("unknown state code", QString::number(state));

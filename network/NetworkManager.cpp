@@ -1,6 +1,7 @@
 #include "NetworkManager.h"
 
 #include "BoundedReplyReader.h"
+#include "EscapedReplyReader.h"
 #include "MarkupGuard.h"
 
 #include "localdb/KepKeys.h"
@@ -217,6 +218,9 @@ void NetworkManager::removeSoapHeaders()
 
 QString NetworkManager::soapReplyToText(const QString& reply)
 {
+    QString text;
+    if (EscapedReplyReader::read(reply, &text))
+        return text;
     // The HTML reader drops every tag and resolves the escaped payload back into XML text.
     QTextDocument document;
     document.setHtml(reply);

@@ -1,11 +1,13 @@
 #include "FakeHttpServer.h"
 #include "LogCapture.h"
+#include "network/EscapedReplyReader.h"
 #include "network/MarkupGuard.h"
 #include "network/NetworkManager.h"
 #include "tavcore/NetworkAccessManager.h"
 #include "tavcore/NetworkCache.h"
 
 #include <QDomDocument>
+#include <QTextDocument>
 #include <QtTest>
 
 using KepPlugin::NetworkManager;
@@ -123,6 +125,54 @@ private slots:
     {
         QFETCH(QString, text);
         QTEST(KepPlugin::MarkupGuard::refusal(text), "refusal");
+    }
+
+    // The clean-up reads plain envelopes itself; whatever it reads must come out exactly as the
+    // HTML reader gives it, and whatever that reader treats specially must go to it.
+    void plainReading_data()
+    {
+        QTest::addColumn<QString>("reply");
+        QTest::addColumn<bool>("plain");
+        const QString head = "<?xml version=\"1.0\" encoding=\"UTF-8\"?><soap:Envelope xmlns:soap=\"http://schemas.xmlsoap.org/soap/envelope/\">"
+                             "<soap:Body><n1:GetTAVProductInfoResponse xmlns:n1='urn:a'><GetTAVProductInfoResult>";
+        const QString tail = "</GetTAVProductInfoResult></n1:GetTAVProductInfoResponse></soap:Body></soap:Envelope>";
+        auto wrapped = [&](const QString& payload) { return head + payload + tail; };
+        QTest::newRow("escaped product") << wrapped("&lt;?xml version='1.0'?&gt;\n&lt;product_info&gt;\n  &lt;return_code&gt;0&lt;/return_code&gt;\n&lt;/product_info&gt;\n") << true;
+        QTest::newRow("every reference") << wrapped("&lt;a t=&quot;1&quot; u=&apos;2&apos;&gt;&amp;amp;&lt;/a&gt;") << true;
+        QTest::newRow("blanks collapse, across tags") << "  <s:a>  x \t\r\n\v\f y  </s:a>  <s:b/>  z  " << true;
+        QTest::newRow("service code") << wrapped("[326] unknown media") << true;
+        QTest::newRow("no envelope") << "&lt;product_info/&gt;" << true;
+        QTest::newRow("tags only") << "<s:Envelope><s:Body/></s:Envelope>" << true;
+        QTest::newRow("unprefixed long names, default namespace") << "<GetTAVProductInfoResponse xmlns=\"urn:a\">x</GetTAVProductInfoResponse>" << true;
+        QTest::newRow("letters beyond ASCII") << wrapped(QString::fromUtf8("Grüße € \xf0\x9d\x84\x9e \x01 > ' \"")) << true;
+        QTest::newRow("empty") << "" << true;
+        QTest::newRow("HTML element") << wrapped("a<p>b</p>c") << false;
+        QTest::newRow("HTML element in capitals") << "<Body>x</Body> y" << false;
+        QTest::newRow("short unprefixed name") << "<item>x</item>" << false;
+        QTest::newRow("named reference") << wrapped("a&nbsp;b") << false;
+        QTest::newRow("numeric reference") << wrapped("&#65;&#x42;") << false;
+        QTest::newRow("reference without semicolon") << wrapped("&lt b") << false;
+        QTest::newRow("bare ampersand") << wrapped("a & b") << false;
+        QTest::newRow("comment") << wrapped("<!-- x -->y") << false;
+        QTest::newRow("declaration not first") << " <?xml version=\"1.0\"?>x" << false;
+        QTest::newRow("attribute without quotes") << "<s:a b=c>x</s:a>" << false;
+        QTest::newRow("'>' inside an attribute") << "<s:a b=\"c>d\">x</s:a>" << false;
+        QTest::newRow("attribute on an end tag") << "<s:a>x</s:a b=\"c\">" << false;
+        QTest::newRow("unterminated tag") << "x<s:a b=\"c\"" << false;
+        QTest::newRow("no-break space") << wrapped(QString("a") + QChar(0xa0) + "b") << false;
+        QTest::newRow("line separator") << wrapped(QString("a") + QChar(0x2028) + "b") << false;
+        QTest::newRow("paragraph separator") << wrapped(QString("a") + QChar(0x2029) + "b") << false;
+        QTest::newRow("frame mark") << wrapped(QString("a") + QChar(0xfdd0) + "b") << false;
+        QTest::newRow("lone surrogate") << wrapped(QString("a") + QChar(0xd800) + "b") << false;
+    }
+    void plainReading()
+    {
+        QFETCH(QString, reply);
+        QTextDocument document;
+        document.setHtml(reply);
+        QString text;
+        QTEST(KepPlugin::EscapedReplyReader::read(reply, &text), "plain");
+        QCOMPARE(NetworkManager::soapReplyToText(reply), document.toPlainText());
     }
 
     // Each answer, with or without a cache entry and key, ends in one state code, reply text, cache

@@ -1,0 +1,170 @@
+#include "EscapedReplyReader.h"
+
+namespace KepPlugin {
+
+namespace {
+
+// No HTML element has a prefixed name or one this long, so the reader ignores such a tag.
+bool isForeignElement(const QStringRef& name)
+{
+    return name.contains(QLatin1Char(':')) || name.size() > 10;
+}
+
+bool isNameChar(QChar c)
+{
+    const ushort u = c.unicode();
+    return (u >= 'a' && u <= 'z') || (u >= 'A' && u <= 'Z') || (u >= '0' && u <= '9') || u == ':' || u == '_'
+        || u == '-' || u == '.';
+}
+
+int skipName(const QString& reply, int i)
+{
+    while (i < reply.size() && isNameChar(reply.at(i)))
+        ++i;
+    return i;
+}
+
+int skipSpace(const QString& reply, int i)
+{
+    while (i < reply.size() && (reply.at(i) == QLatin1Char(' ') || reply.at(i) == QLatin1Char('\t')
+                                || reply.at(i) == QLatin1Char('\n') || reply.at(i) == QLatin1Char('\r')))
+        ++i;
+    return i;
+}
+
+// Moves past a start or end tag of a foreign element starting at `at`, whose attributes are all
+// name="value" or name='value'; false for any other markup.
+bool skipTag(const QString& reply, int* at)
+{
+    const int size = reply.size();
+    int i = *at + 1;
+    const bool end = i < size && reply.at(i) == QLatin1Char('/');
+    const int nameStart = end ? i + 1 : i;
+    i = skipName(reply, nameStart);
+    if (!isForeignElement(reply.midRef(nameStart, i - nameStart)))
+        return false;
+    for (;;) {
+        const int next = skipSpace(reply, i);
+        if (next < size && reply.at(next) == QLatin1Char('>')) {
+            *at = next + 1;
+            return true;
+        }
+        if (!end && reply.midRef(next, 2) == QLatin1String("/>")) {
+            *at = next + 2;
+            return true;
+        }
+        const int nameEnd = skipName(reply, next);
+        if (end || next == i || nameEnd == next || nameEnd + 2 > size || reply.at(nameEnd) != QLatin1Char('='))
+            return false;
+        const QChar quote = reply.at(nameEnd + 1);
+        if (quote != QLatin1Char('"') && quote != QLatin1Char('\''))
+            return false;
+        const int close = reply.indexOf(quote, nameEnd + 2);
+        if (close < 0)
+            return false;
+        const QStringRef value = reply.midRef(nameEnd + 2, close - nameEnd - 2);
+        if (value.contains(QLatin1Char('<')) || value.contains(QLatin1Char('&')) || value.contains(QLatin1Char('>')))
+            return false;
+        i = close + 1;
+    }
+}
+
+// The declaration that opens an envelope, and nothing else of its kind.
+bool skipDeclaration(const QString& reply, int* at)
+{
+    if (*at != 0 || !reply.startsWith(QLatin1String("<?xml ")))
+        return false;
+    const int end = reply.indexOf(QLatin1String("?>"));
+    if (end < 0)
+        return false;
+    const QStringRef inside = reply.midRef(2, end - 2);
+    if (inside.contains(QLatin1Char('<')) || inside.contains(QLatin1Char('>')) || inside.contains(QLatin1Char('&')))
+        return false;
+    *at = end + 2;
+    return true;
+}
+
+// The five references of XML; any other goes to the HTML reader, which knows hundreds.
+QChar entity(const QChar* from, const QChar* end, const QChar** next)
+{
+    static const struct
+    {
+        const char* name;
+        int size;
+        char value;
+    } known[] = {{"&lt;", 4, '<'}, {"&gt;", 4, '>'}, {"&amp;", 5, '&'}, {"&quot;", 6, '"'}, {"&apos;", 6, '\''}};
+    for (const auto& e : known) {
+        if (end - from < e.size)
+            continue;
+        int i = 1;
+        while (i < e.size && from[i].unicode() == ushort(e.name[i]))
+            ++i;
+        if (i == e.size) {
+            *next = from + e.size;
+            return QLatin1Char(e.value);
+        }
+    }
+    return QChar();
+}
+
+bool isAsciiSpace(ushort u)
+{
+    return u == ' ' || (u >= '\t' && u <= '\r');
+}
+
+// Characters outside ASCII that the reader turns into something else.
+bool isSpecial(QChar c)
+{
+    return c.isSpace() || c.unicode() == 0xfdd0 || c.unicode() == 0xfdd1;
+}
+
+} // namespace
+
+bool EscapedReplyReader::read(const QString& reply, QString* text)
+{
+    QString out(reply.size(), Qt::Uninitialized);
+    QChar* to = out.data();
+    const QChar* const begin = reply.constData();
+    const QChar* const end = begin + reply.size();
+    bool dropSpace = true; // at the start of the text, and after a space already written
+    for (const QChar* p = begin; p < end;) {
+        const ushort u = p->unicode();
+        if (u == '<') {
+            int at = int(p - begin);
+            if (!(reply.midRef(at, 2) == QLatin1String("<?") ? skipDeclaration(reply, &at) : skipTag(reply, &at)))
+                return false;
+            p = begin + at;
+            continue;
+        }
+        if (isAsciiSpace(u)) {
+            ++p;
+            if (!dropSpace)
+                *to++ = QLatin1Char(' ');
+            dropSpace = true;
+            continue;
+        }
+        dropSpace = false;
+        if (u == '&') {
+            const QChar c = entity(p, end, &p);
+            if (c.isNull())
+                return false;
+            *to++ = c;
+        } else if (u < 0x80) {
+            *to++ = *p++;
+        } else if (p->isHighSurrogate() && p + 1 < end && p[1].isLowSurrogate()) {
+            *to++ = *p++;
+            *to++ = *p++;
+        } else if (p->isSurrogate() || isSpecial(*p)) {
+            return false;
+        } else {
+            *to++ = *p++;
+        }
+    }
+    out.truncate(int(to - out.constData()));
+    // The references shrink, and the text lives as long as the parse; give the slack back.
+    out.squeeze();
+    *text = out;
+    return true;
+}
+
+} // namespace KepPlugin
