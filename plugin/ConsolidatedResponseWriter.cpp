@@ -6,6 +6,7 @@
 #include "model/Update.h"
 
 #include <QDateTime>
+#include <QHash>
 #include <QLocale>
 #include <QSet>
 #include <QXmlStreamWriter>
@@ -44,11 +45,26 @@ QString xmlSafe(const QString& text)
     return changed ? kept : text;
 }
 
-QString shortDate(const QString& isoDateTime, const QLocale& locale)
+// Formats dates the way the user's locale writes them short. Parsing one costs a look at the
+// time-zone file, and a run has few distinct dates among thousands, so each is formatted once.
+class DateFormatter
 {
-    const QDate date = QDateTime::fromString(isoDateTime.trimmed(), Qt::ISODate).date();
-    return date.isValid() ? locale.toString(date, QLocale::ShortFormat) : QString();
-}
+public:
+    QString shortDate(const QString& isoDateTime)
+    {
+        auto known = formatted_.constFind(isoDateTime);
+        if (known == formatted_.constEnd()) {
+            const QDate date = QDateTime::fromString(isoDateTime.trimmed(), Qt::ISODate).date();
+            known = formatted_.insert(isoDateTime, date.isValid() ? locale_.toString(date, QLocale::ShortFormat) : QString());
+        }
+        return known.value();
+    }
+
+private:
+    // Looked up once: building the system locale is a good part of formatting one date.
+    const QLocale locale_ = QLocale::system();
+    QHash<QString, QString> formatted_;
+};
 
 class Writer
 {
@@ -68,7 +84,7 @@ private:
     QXmlStreamWriter xml_;
 };
 
-void writeUpdate(Writer& out, Update* update, bool legacy, const QLocale& locale)
+void writeUpdate(Writer& out, Update* update, bool legacy, DateFormatter& dates)
 {
     using namespace Tags;
     auto trimmed = [update](const QString& key) { return update->getDataByKey(key).trimmed(); };
@@ -79,7 +95,7 @@ void writeUpdate(Writer& out, Update* update, bool legacy, const QLocale& locale
     for (const QString& key : {DOWNLOAD_URL, DOWNLOAD_URL_ONLINE, DOWNLOAD_FILE_NAME, DOWNLOAD_FILE_NAME_ONLINE,
                                DOWNLOAD_SIZE})
         out.text(key, trimmed(key));
-    out.text(PUBLISH_DATE, shortDate(update->getDataByKey(PUBLISH_DATE), locale));
+    out.text(PUBLISH_DATE, dates.shortDate(update->getDataByKey(PUBLISH_DATE)));
     out.text(ADDITIONAL_INFO_URL, trimmed(ADDITIONAL_INFO_URL));
     out.text(ONE_CLICK_UPDATE_MODE_IS_SUPPORTED, legacy ? QStringLiteral("0") : QStringLiteral("1"));
     out.start(RELATED_UPDATES);
@@ -90,14 +106,14 @@ void writeUpdate(Writer& out, Update* update, bool legacy, const QLocale& locale
     out.end();
 }
 
-void writeNews(Writer& out, News* news, const QString& id, const QLocale& locale)
+void writeNews(Writer& out, News* news, const QString& id, DateFormatter& dates)
 {
     using namespace Tags;
     out.start(MESSAGE);
     out.text(ID, id);
     out.text(TITLE, news->getDataByKey(TITLE).trimmed());
     out.text(DESCRIPTION, news->getDataByKey(DESCRIPTION).trimmed());
-    out.text(PUBLISH_DATE, shortDate(news->getDataByKey(PUBLISH_DATE), locale));
+    out.text(PUBLISH_DATE, dates.shortDate(news->getDataByKey(PUBLISH_DATE)));
     out.end();
 }
 
@@ -105,8 +121,7 @@ void writeNews(Writer& out, News* news, const QString& id, const QLocale& locale
 
 QString ConsolidatedResponseWriter::toXml(const QList<Product*>& products)
 {
-    // Looked up once: building the system locale is a good part of formatting one date.
-    const QLocale locale = QLocale::system();
+    DateFormatter dates;
     QString document;
     {
         Writer out(&document);
@@ -117,7 +132,7 @@ QString ConsolidatedResponseWriter::toXml(const QList<Product*>& products)
             const bool legacy = product->isLegacy();
             const QList<Update*> updates = product->updatesList();
             for (Update* update : updates)
-                writeUpdate(out, update, legacy, locale);
+                writeUpdate(out, update, legacy, dates);
         }
         out.end();
         out.start(Tags::PRODUCT_NEWS);
@@ -129,7 +144,7 @@ QString ConsolidatedResponseWriter::toXml(const QList<Product*>& products)
                 if (written.contains(id))
                     continue;
                 written.insert(id);
-                writeNews(out, news, id, locale);
+                writeNews(out, news, id, dates);
             }
         }
         out.end();
