@@ -6,9 +6,12 @@
 #include <QSqlDatabase>
 #include <QSqlError>
 #include <QSqlQuery>
+#include <QTimer>
 #include <QUrl>
 #include <QUuid>
 #include <QtDebug>
+
+#include <utility>
 
 namespace TavCoreShared {
 namespace Network {
@@ -17,6 +20,10 @@ namespace {
 
 // Long enough to ride out another writer's commit, short enough not to stall a request.
 const int busyTimeoutMs = 1000;
+
+// Without an event loop nothing commits on its own; these bound what waits in memory.
+const int maxPendingReplies = 64;
+const qint64 maxPendingChars = 2 * 1024 * 1024;
 
 enum SqliteCode { Busy = 5, Locked = 6, ReadOnly = 8, Corrupt = 11, CantOpen = 14, NotADatabase = 26 };
 
@@ -74,6 +81,7 @@ NetworkCache::NetworkCache(const QString& path)
 
 NetworkCache::~NetworkCache()
 {
+    flush();
     close();
 }
 
@@ -209,6 +217,9 @@ void NetworkCache::failed(const QString& action, const QSqlError& error)
 
 QString NetworkCache::data(const QString& key)
 {
+    const auto kept = pending_.constFind(key.isNull() ? QStringLiteral("") : key);
+    if (kept != pending_.constEnd())
+        return kept.value();
     if (!open())
         return QString();
     QSqlError error;
@@ -228,25 +239,72 @@ void NetworkCache::insert(const QString& key, const QString& value)
 {
     if (!open() || readOnly_)
         return;
-    if (!insert_) {
-        insert_ = std::make_unique<QSqlQuery>(QSqlDatabase::database(connection_, false));
-        insert_->prepare(QStringLiteral("INSERT OR REPLACE INTO replies (key, value) VALUES (?, ?)"));
-    }
     // A null QString binds as SQL NULL, which neither column takes.
-    insert_->bindValue(0, key.isNull() ? QStringLiteral("") : key);
-    insert_->bindValue(1, value.isNull() ? QStringLiteral("") : value);
-    if (insert_->exec()) {
-        // Resets the statement, so no transaction stays open between inserts.
-        insert_->finish();
+    QString& kept = pending_[key.isNull() ? QStringLiteral("") : key];
+    pendingChars_ += value.size() - kept.size();
+    kept = value.isNull() ? QStringLiteral("") : value;
+    if (pending_.size() >= maxPendingReplies || pendingChars_ >= maxPendingChars) {
+        flush();
         return;
     }
-    const QSqlError error = insert_->lastError();
-    insert_.reset();
+    if (!flushTimer_) {
+        flushTimer_ = std::make_unique<QTimer>();
+        flushTimer_->setSingleShot(true);
+        flushTimer_->callOnTimeout([this] { flush(); });
+    }
+    if (!flushTimer_->isActive())
+        flushTimer_->start(0);
+}
+
+void NetworkCache::flush()
+{
+    if (flushTimer_)
+        flushTimer_->stop();
+    if (pending_.isEmpty())
+        return;
+    const QHash<QString, QString> replies = std::exchange(pending_, {});
+    pendingChars_ = 0;
+    if (!open() || readOnly_)
+        return;
+    const QSqlError error = store(replies);
+    if (!error.isValid())
+        return;
     // A directory that takes no write-ahead log shows on the first write.
     if (isReadOnly(error))
         becameReadOnly();
     else
         failed(QStringLiteral("cannot write"), error);
+}
+
+QSqlError NetworkCache::store(const QHash<QString, QString>& replies)
+{
+    QSqlDatabase db = QSqlDatabase::database(connection_, false);
+    // One reply needs no transaction of its own making, and skips the extra round of locking.
+    const bool batch = replies.size() > 1;
+    if (batch && !db.transaction())
+        return db.lastError();
+    if (!insert_) {
+        insert_ = std::make_unique<QSqlQuery>(db);
+        insert_->prepare(QStringLiteral("INSERT OR REPLACE INTO replies (key, value) VALUES (?, ?)"));
+    }
+    QSqlError error;
+    for (auto reply = replies.constBegin(); !error.isValid() && reply != replies.constEnd(); ++reply) {
+        insert_->bindValue(0, reply.key());
+        insert_->bindValue(1, reply.value());
+        if (!insert_->exec())
+            error = insert_->lastError();
+    }
+    if (!error.isValid()) {
+        // Resets the statement, so no transaction stays open between commits.
+        insert_->finish();
+        if (!batch || db.commit())
+            return QSqlError();
+        error = db.lastError();
+    }
+    insert_.reset();
+    if (batch)
+        db.rollback();
+    return error;
 }
 
 } // namespace Network

@@ -1,11 +1,13 @@
 #pragma once
 
+#include <QHash>
 #include <QString>
 
 #include <memory>
 
 class QSqlError;
 class QSqlQuery;
+class QTimer;
 
 namespace TavCoreShared {
 namespace Network {
@@ -14,6 +16,10 @@ namespace Network {
 // database under the user's cache directory. Any failure of the database leaves the
 // cache empty and logged; it never stops the caller. A cache this user may only read still
 // answers, and stores nothing.
+//
+// A reply stored while the thread's event loop runs is committed when that loop next turns,
+// so the commit overlaps whatever the caller does next instead of delaying it; until then it
+// is answered from memory. flush() and the destructor commit at once.
 class Q_DECL_EXPORT NetworkCache
 {
 public:
@@ -24,6 +30,8 @@ public:
 
     QString data(const QString& key);
     void insert(const QString& key, const QString& value);
+    // Commits what insert() has kept back.
+    void flush();
 
     bool isUsable() const { return state_ == State::Open; }
     QString path() const { return path_; }
@@ -43,15 +51,20 @@ private:
     void close();
     bool moveAside(const QSqlError& error);
     void failed(const QString& action, const QSqlError& error);
+    QSqlError store(const QHash<QString, QString>& replies);
 
     QString path_;
     QString connection_;
     State state_ = State::Closed;
     // Answers are read, never stored: the user may not write the file or its directory.
     bool readOnly_ = false;
-    // Prepared on the first insert of a connection and reused: preparing cost as much as
+    // Prepared on the first store of a connection and reused: preparing cost as much as
     // storing a small reply.
     std::unique_ptr<QSqlQuery> insert_;
+    QHash<QString, QString> pending_;
+    qint64 pendingChars_ = 0;
+    // Made by the first insert, so that it fires in the thread that stores.
+    std::unique_ptr<QTimer> flushTimer_;
 };
 
 } // namespace Network

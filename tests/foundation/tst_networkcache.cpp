@@ -8,6 +8,7 @@
 #include <QtTest>
 
 #include <csignal>
+#include <memory>
 
 using TavCoreShared::Network::NetworkCache;
 
@@ -44,6 +45,8 @@ public:
         const bool named = args.value(0) == QLatin1String("write-then-die");
         NetworkCache cache(args.value(named ? 1 : 0));
         cache.insert(named ? args.value(2) : QStringLiteral("m|u"), named ? args.value(3) : QStringLiteral("<product/>"));
+        cache.flush();
+        cache.insert(QStringLiteral("uncommitted"), QStringLiteral("lost"));
         std::raise(SIGKILL); // no destructor, no checkpoint
         return 1;
     }
@@ -79,6 +82,41 @@ private slots:
         }
         QCOMPARE(NetworkCache(path()).data(inserts[0]), expected);
         QCOMPARE(NetworkCache(path()).data(QStringLiteral("unknown")), QString());
+        QCOMPARE(warnings_, QStringList());
+    }
+    // A store is answered at once and committed when the event loop turns, when enough wait,
+    // on flush() or when the cache goes; another reader sees it only then.
+    void writeBehind_data()
+    {
+        QTest::addColumn<QString>("commit");
+        QTest::addColumn<int>("replies");
+        QTest::newRow("the event loop turns") << "loop" << 1;
+        QTest::newRow("flush") << "flush" << 1;
+        QTest::newRow("too many waiting") << "none" << 64;
+        QTest::newRow("too much text waiting") << "big" << 1;
+        QTest::newRow("the cache goes") << "destroy" << 1;
+    }
+    void writeBehind()
+    {
+        QFETCH(QString, commit);
+        QFETCH(int, replies);
+        NetworkCache other(path());
+        QCOMPARE(other.data(QStringLiteral("k0")), QString()); // creates the database
+        auto cache = std::make_unique<NetworkCache>(path());
+        const QString value = commit == "big" ? QString(2 * 1024 * 1024, QLatin1Char('x')) : QStringLiteral("v");
+        for (int i = 0; i < replies; ++i)
+            cache->insert(QStringLiteral("k%1").arg(i), value);
+        QCOMPARE(cache->data(QStringLiteral("k0")), value);
+        if (commit == "loop" || commit == "flush" || commit == "destroy")
+            QCOMPARE(other.data(QStringLiteral("k0")), QString());
+        if (commit == "flush")
+            cache->flush();
+        if (commit == "destroy")
+            cache.reset();
+        if (commit == "loop")
+            QTRY_COMPARE(other.data(QStringLiteral("k0")), value);
+        QCOMPARE(other.data(QStringLiteral("k0")), value);
+        QCOMPARE(other.data(QStringLiteral("k%1").arg(replies - 1)), value);
         QCOMPARE(warnings_, QStringList());
     }
     void faults_data()
@@ -122,6 +160,7 @@ private slots:
             NetworkCache cache(file);
             QCOMPARE(cache.data(QStringLiteral("k")), fault == "lock old" ? "old" : QString());
             cache.insert(QStringLiteral("k"), QStringLiteral("new"));
+            cache.flush();
             QCOMPARE(warnings_, QVector<QString>(times, warning.replace("<file>", file).replace("<dir>", dir_->path())).toList());
             QVERIFY(!fault.startsWith("lock") || lock.exec(QStringLiteral("COMMIT")));
             cache.insert(QStringLiteral("k"), QStringLiteral("new"));
@@ -177,6 +216,7 @@ private slots:
         QVERIFY(ChildRun({path()}).crashed);
         QVERIFY(QFile::exists(path() + QStringLiteral("-wal"))); // the reply is only in the write-ahead log
         QCOMPARE(NetworkCache(path()).data(QStringLiteral("m|u")), QStringLiteral("<product/>"));
+        QCOMPARE(NetworkCache(path()).data(QStringLiteral("uncommitted")), QString());
         QCOMPARE(warnings_, QStringList());
     }
 };
