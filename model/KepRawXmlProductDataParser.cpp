@@ -2,6 +2,7 @@
 
 #include "KepXmlTags.h"
 #include "News.h"
+#include "PlainXmlTree.h"
 #include "Product.h"
 #include "Update.h"
 #include "XmlNesting.h"
@@ -15,10 +16,17 @@ namespace KepPlugin {
 namespace {
 
 // The elements of one kind below the root's first container of that kind, at any depth.
-QDomNodeList itemsBelow(const QDomElement& root, const QString& container, const QString& item)
+template <typename Element>
+auto itemsBelow(const Element& root, const QString& container, const QString& item)
 {
     return root.firstChildElement(container).elementsByTagName(item);
 }
+
+// The parse runs on the DOM or on the plain tree, whose lists are vectors.
+int count(const QDomNodeList& list) { return list.length(); }
+QDomNode itemAt(const QDomNodeList& list, int i) { return list.item(i); }
+int count(const QVector<PlainXmlTree::Node>& list) { return list.size(); }
+PlainXmlTree::Node itemAt(const QVector<PlainXmlTree::Node>& list, int i) { return list.at(i); }
 
 int toNumber(const QString& text)
 {
@@ -56,34 +64,54 @@ bool KepRawXmlProductDataParser::parseRawXmlData(const QString& data)
         KEP_LOG(2) << "KepProductData::parseRawXmlData: raw data is empty";
         return false;
     }
+    const bool tooDeep = XmlNesting::nestsTooDeep(rawXmlData_);
+    PlainXmlTree plain;
+    if (!tooDeep && plain.read(rawXmlData_))
+        return parseDocument(plain.documentElement());
     QDomDocument document;
-    if (XmlNesting::nestsTooDeep(rawXmlData_) || !document.setContent(rawXmlData_)) {
+    if (tooDeep || !document.setContent(rawXmlData_)) {
         KEP_LOG(2) << "KepProductData::parseRawXmlData: bad XML format of raw data: " << rawXmlData_;
         return false;
     }
-    const QDomElement root = document.documentElement();
-    const QDomElement returnCode = root.firstChildElement(Tags::RETURN_CODE);
+    return parseDocument(document.documentElement());
+}
+
+template <typename Element>
+bool KepRawXmlProductDataParser::parseDocument(const Element& root)
+{
+    const auto returnCode = root.firstChildElement(Tags::RETURN_CODE);
     if (returnCode.isNull()) {
         KEP_LOG(2) << "KepProductData::parseRawXmlData: KEP returned incorrect data (no return_code tag)";
         return false;
     }
     returnCode_ = toNumber(returnCode.text());
-    const QDomElement format = root.firstChildElement(Tags::FORMAT);
+    const auto format = root.firstChildElement(Tags::FORMAT);
     if (!format.isNull())
         format_ = format.text();
 
     product_->clearUpdates();
-    const bool updatesRead = parseRawXmlDataNodeUpdate(itemsBelow(root, Tags::UPDATES, Tags::UPDATE));
+    const bool updatesRead = parseUpdates(itemsBelow(root, Tags::UPDATES, Tags::UPDATE));
     product_->clearNews();
-    const bool newsRead = parseRawXmlDataNodeNews(itemsBelow(root, Tags::PRODUCT_NEWS, Tags::MESSAGE));
+    const bool newsRead = parseNews(itemsBelow(root, Tags::PRODUCT_NEWS, Tags::MESSAGE));
     return updatesRead && newsRead;
 }
 
 bool KepRawXmlProductDataParser::parseRawXmlDataNodeUpdate(const QDomNodeList& updates)
 {
-    for (int i = 0; i < updates.length(); ++i) {
-        const QDomNode item = updates.item(i);
-        const QDomElement id = item.firstChildElement(Tags::ID);
+    return parseUpdates(updates);
+}
+
+bool KepRawXmlProductDataParser::parseRawXmlDataNodeNews(const QDomNodeList& messages)
+{
+    return parseNews(messages);
+}
+
+template <typename List>
+bool KepRawXmlProductDataParser::parseUpdates(const List& updates)
+{
+    for (int i = 0; i < count(updates); ++i) {
+        const auto item = itemAt(updates, i);
+        const auto id = item.firstChildElement(Tags::ID);
         if (id.isNull()) {
             KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeUpdate: bad update (no id field)";
             continue;
@@ -92,8 +120,8 @@ bool KepRawXmlProductDataParser::parseRawXmlDataNodeUpdate(const QDomNodeList& u
         auto* update = new Update;
         const QStringList supported = update->getSupportedXmlTags();
         QMap<QString, QString> fields;
-        for (QDomNode node = item.firstChild(); !node.isNull(); node = node.nextSibling()) {
-            const QDomElement element = node.toElement();
+        for (auto node = item.firstChild(); !node.isNull(); node = node.nextSibling()) {
+            const auto element = node.toElement();
             const QString tag = element.tagName();
             if (!supported.contains(tag, Qt::CaseInsensitive)) {
                 KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeUpdate: unknown tag: " << tag;
@@ -101,11 +129,11 @@ bool KepRawXmlProductDataParser::parseRawXmlDataNodeUpdate(const QDomNodeList& u
             }
             if (tag == Tags::RELATED_UPDATES) {
                 KEP_LOG(0) << "KepProductData::parseRawXmlDataNodeUpdate: looking for related updates";
-                const QDomNodeList related = element.elementsByTagName(Tags::ID);
+                const auto related = element.elementsByTagName(Tags::ID);
                 if (related.isEmpty())
                     KEP_LOG(0) << "KepProductData::parseRawXmlDataNodeUpdate: no related updates found";
-                for (int r = 0; r < related.length(); ++r) {
-                    const int number = toNumber(related.item(r).toElement().text());
+                for (int r = 0; r < count(related); ++r) {
+                    const int number = toNumber(itemAt(related, r).toElement().text());
                     KEP_LOG(0) << "KepProductData::parseRawXmlDataNodeUpdate: related update found = " << number;
                     update->addRelatedUpdate(number);
                 }
@@ -121,11 +149,12 @@ bool KepRawXmlProductDataParser::parseRawXmlDataNodeUpdate(const QDomNodeList& u
     return true;
 }
 
-bool KepRawXmlProductDataParser::parseRawXmlDataNodeNews(const QDomNodeList& messages)
+template <typename List>
+bool KepRawXmlProductDataParser::parseNews(const List& messages)
 {
-    for (int i = 0; i < messages.length(); ++i) {
-        const QDomNode item = messages.item(i);
-        const QDomElement id = item.firstChildElement(Tags::ID);
+    for (int i = 0; i < count(messages); ++i) {
+        const auto item = itemAt(messages, i);
+        const auto id = item.firstChildElement(Tags::ID);
         if (id.isNull()) {
             KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeNews: bad news message (no id field)";
             continue;
@@ -134,8 +163,8 @@ bool KepRawXmlProductDataParser::parseRawXmlDataNodeNews(const QDomNodeList& mes
         auto* news = new News;
         const QStringList supported = news->getSupportedXmlTags();
         QMap<QString, QString> fields;
-        for (QDomNode node = item.firstChild(); !node.isNull(); node = node.nextSibling()) {
-            const QDomElement element = node.toElement();
+        for (auto node = item.firstChild(); !node.isNull(); node = node.nextSibling()) {
+            const auto element = node.toElement();
             const QString tag = element.tagName();
             if (!supported.contains(tag, Qt::CaseInsensitive)) {
                 KEP_LOG(1) << "KepProductData::parseRawXmlDataNodeNews: unknown tag: " << tag;

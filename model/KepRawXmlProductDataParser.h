@@ -23,6 +23,14 @@ public:
     int kepReturnCode() const { return returnCode_; }
 
 private:
+    // One parse for the DOM and for the plain tree that stands in for it.
+    template <typename Element>
+    bool parseDocument(const Element& root);
+    template <typename List>
+    bool parseUpdates(const List& updates);
+    template <typename List>
+    bool parseNews(const List& messages);
+
     QString rawXmlData_;
     QString format_;
     Product* product_;

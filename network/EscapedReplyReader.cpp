@@ -1,5 +1,7 @@
 #include "EscapedReplyReader.h"
 
+#include "model/XmlReference.h"
+
 namespace KepPlugin {
 
 namespace {
@@ -84,29 +86,6 @@ bool skipDeclaration(const QString& reply, int* at)
     return true;
 }
 
-// The five references of XML; any other goes to the HTML reader, which knows hundreds.
-QChar entity(const QChar* from, const QChar* end, const QChar** next)
-{
-    static const struct
-    {
-        const char* name;
-        int size;
-        char value;
-    } known[] = {{"&lt;", 4, '<'}, {"&gt;", 4, '>'}, {"&amp;", 5, '&'}, {"&quot;", 6, '"'}, {"&apos;", 6, '\''}};
-    for (const auto& e : known) {
-        if (end - from < e.size)
-            continue;
-        int i = 1;
-        while (i < e.size && from[i].unicode() == ushort(e.name[i]))
-            ++i;
-        if (i == e.size) {
-            *next = from + e.size;
-            return QLatin1Char(e.value);
-        }
-    }
-    return QChar();
-}
-
 bool isAsciiSpace(ushort u)
 {
     return u == ' ' || (u >= '\t' && u <= '\r');
@@ -145,7 +124,8 @@ bool EscapedReplyReader::read(const QString& reply, QString* text)
         }
         dropSpace = false;
         if (u == '&') {
-            const QChar c = entity(p, end, &p);
+            // Any other reference goes to the HTML reader, which knows hundreds.
+            const QChar c = XmlReference::predefined(p, end, &p);
             if (c.isNull())
                 return false;
             *to++ = c;

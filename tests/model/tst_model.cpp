@@ -1,9 +1,13 @@
 #include "LogCapture.h"
+#include "XmlOutline.h"
 #include "model/KepRawXmlProductDataParser.h"
 #include "model/News.h"
+#include "model/PlainXmlTree.h"
 #include "model/Product.h"
 #include "model/Update.h"
+#include "model/XmlNesting.h"
 
+#include <QDomDocument>
 #include <QMetaMethod>
 #include <QtTest>
 
@@ -59,6 +63,20 @@ QString reply(const QString& updates, const QString& news = {})
 QString nested(const QString& name, int depth, const QString& inner = {})
 {
     return QString("<" + name + ">").repeated(depth) + inner + QString("</" + name + ">").repeated(depth);
+}
+// When the plain tree takes a text, the DOM takes it too and shows the parser the same. Text
+// nested too deep goes to neither.
+void checkPlainTree(const QString& text, bool* plain = nullptr)
+{
+    PlainXmlTree tree;
+    QDomDocument document;
+    const bool taken = !XmlNesting::nestsTooDeep(text) && tree.read(text);
+    if (plain)
+        *plain = taken;
+    if (!taken)
+        return;
+    QVERIFY2(document.setContent(text), qPrintable(text));
+    QCOMPARE(xmlOutline(tree.documentElement()), xmlOutline(document.documentElement()));
 }
 
 } // namespace
@@ -128,6 +146,42 @@ private slots:
         }
         QCOMPARE(seen, (QStringList{"KepPlugin::Product", "0", "1 2 regDataChanged(QString,QString,QString) guid,key,value",
                                     "2 2 setRawXmlData(QString) data"}));
+    }
+
+    // The parser reads plain product XML without a DOM. What the plain tree takes must look the
+    // same to the parser as the DOM; what it cannot vouch for goes to the DOM.
+    void plainTree_data()
+    {
+        QTest::addColumn<QString>("text");
+        QTest::addColumn<bool>("plain");
+        auto in = [](const QString& inner) { return "<r>" + inner + "</r>"; };
+        QTest::newRow("product with declaration, attributes and blanks")
+            << "<?xml version=\"1.0\" encoding=\"UTF-8\"?>\n<product_info>\n  <return_code>0</return_code>\n  <updates>\n"
+               "    <update test=\"1\" b='x y'>\n      <id>1</id><title>T &amp; U</title>\n    </update>\n  </updates>\n</product_info>\n"
+            << true;
+        QTest::newRow("blanks alone are no text, any kind of blank")
+            << in(QString(" <a>\t\n</a> <b>") + QChar(0xa0) + QChar(0x3000) + QChar(0x2028) + "</b>") << true;
+        QTest::newRow("text around and between elements") << in(" x <b>y</b> z <c/>w") << true;
+        QTest::newRow("the five references, '>' and ']'") << in("<a>&lt;&gt;&amp;&quot;&apos;></a><b> &amp; </b><c>]] ]></c>") << true;
+        QTest::newRow("empty elements, blanks inside tags") << "<r ><a/><b /><c\t></c\n></r >" << true;
+        QTest::newRow("declaration in single quotes, no encoding") << "<?xml version='1.0'?><r/>" << true;
+        QTest::newRow("letters beyond ASCII, a surrogate pair") << in(QString::fromUtf8("<a>Grüße \xf0\x9d\x84\x9e</a>")) << true;
+        for (const char* text : {"<r>&#65;</r>", "<r>&nbsp;</r>", "<r>&lt</r>", "<r><![CDATA[x]]></r>", "<r><!-- c --></r>",
+                                 "<r><?p x?></r>", "<!DOCTYPE r><r/>", "<r>a\rb</r>", "<r>a\x01b</r>", "<r>a]]>b</r>",
+                                 "<k:r/>", "<r a=b/>", "<r a=\"1\" a=\"2\"/>", "<r a=\"1\"b=\"2\"/>", "<r a = \"1\"/>",
+                                 "<r a=\"<\"/>", "<r a=\"&amp;\"/>", "<?xml version=\"1.1\"?><r/>", "<?xml version=\"1.0\" encoding=\"latin1\"?><r/>",
+                                 " <?xml version=\"1.0\"?><r/>", "<r/><r/>", "<r/>x", "<r></s>", "<r>", "</r>", "x<r/>", "<1/>"})
+            QTest::newRow(text) << QString::fromUtf8(text) << false;
+        QTest::newRow("lone surrogate") << in(QString("a") + QChar(0xd800) + "b") << false;
+        QTest::newRow("non-character") << in(QString("a") + QChar(0xfffe)) << false;
+    }
+    void plainTree()
+    {
+        QFETCH(QString, text);
+        QFETCH(bool, plain);
+        bool taken = false;
+        checkPlainTree(text, &taken);
+        QCOMPARE(taken, plain);
     }
 
     void parse_data()
@@ -213,6 +267,7 @@ private slots:
         QFETCH(QString, read);
         QFETCH(QStringList, held);
         QFETCH(QStringList, log);
+        checkPlainTree(text);
         log.prepend(trace(P + "rawData=[" + text + "]"));
         // Through the parser, and through the product: with the text as argument, or stored by its slot.
         for (int level = 0, path = 0; level <= 2; path = (path + 1) % 3, level += path == 0) {
