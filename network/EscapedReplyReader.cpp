@@ -34,55 +34,61 @@ int skipSpace(const QString& reply, int i)
     return i;
 }
 
-// Moves past a start or end tag of a foreign element starting at `at`, whose attributes are all
-// name="value" or name='value'; false for any other markup.
-bool skipTag(const QString& reply, int* at)
+// Index past the attributes from i on, each after a blank and written name="value" or
+// name='value' with no markup in the value; -1 for anything else before the tag's end.
+int skipAttributes(const QString& reply, int i)
 {
     const int size = reply.size();
+    for (;;) {
+        const int next = skipSpace(reply, i);
+        const int nameEnd = skipName(reply, next);
+        if (nameEnd == next)
+            return next;
+        if (next == i || nameEnd + 2 > size || reply.at(nameEnd) != QLatin1Char('='))
+            return -1;
+        const QChar quote = reply.at(nameEnd + 1);
+        if (quote != QLatin1Char('"') && quote != QLatin1Char('\''))
+            return -1;
+        const int close = reply.indexOf(quote, nameEnd + 2);
+        if (close < 0)
+            return -1;
+        const QStringRef value = reply.midRef(nameEnd + 2, close - nameEnd - 2);
+        if (value.contains(QLatin1Char('<')) || value.contains(QLatin1Char('&')) || value.contains(QLatin1Char('>')))
+            return -1;
+        i = close + 1;
+    }
+}
+
+// Moves past a start or end tag of a foreign element starting at `at`; false for any other
+// markup.
+bool skipTag(const QString& reply, int* at)
+{
     int i = *at + 1;
-    const bool end = i < size && reply.at(i) == QLatin1Char('/');
+    const bool end = i < reply.size() && reply.at(i) == QLatin1Char('/');
     const int nameStart = end ? i + 1 : i;
     i = skipName(reply, nameStart);
     if (!isForeignElement(reply.midRef(nameStart, i - nameStart)))
         return false;
-    for (;;) {
-        const int next = skipSpace(reply, i);
-        if (next < size && reply.at(next) == QLatin1Char('>')) {
-            *at = next + 1;
-            return true;
-        }
-        if (!end && reply.midRef(next, 2) == QLatin1String("/>")) {
-            *at = next + 2;
-            return true;
-        }
-        const int nameEnd = skipName(reply, next);
-        if (end || next == i || nameEnd == next || nameEnd + 2 > size || reply.at(nameEnd) != QLatin1Char('='))
-            return false;
-        const QChar quote = reply.at(nameEnd + 1);
-        if (quote != QLatin1Char('"') && quote != QLatin1Char('\''))
-            return false;
-        const int close = reply.indexOf(quote, nameEnd + 2);
-        if (close < 0)
-            return false;
-        const QStringRef value = reply.midRef(nameEnd + 2, close - nameEnd - 2);
-        if (value.contains(QLatin1Char('<')) || value.contains(QLatin1Char('&')) || value.contains(QLatin1Char('>')))
-            return false;
-        i = close + 1;
+    i = end ? skipSpace(reply, i) : skipAttributes(reply, i);
+    if (i < 0)
+        return false;
+    const QStringRef close = reply.midRef(i, 2);
+    if (close.startsWith(QLatin1Char('>')) || (!end && close == QLatin1String("/>"))) {
+        *at = i + close.indexOf(QLatin1Char('>')) + 1;
+        return true;
     }
+    return false;
 }
 
 // The declaration that opens an envelope, and nothing else of its kind.
 bool skipDeclaration(const QString& reply, int* at)
 {
-    if (*at != 0 || !reply.startsWith(QLatin1String("<?xml ")))
+    if (*at != 0 || !reply.startsWith(QLatin1String("<?xml")))
         return false;
-    const int end = reply.indexOf(QLatin1String("?>"));
-    if (end < 0)
+    const int i = skipAttributes(reply, 5);
+    if (i < 0 || reply.midRef(i, 2) != QLatin1String("?>"))
         return false;
-    const QStringRef inside = reply.midRef(2, end - 2);
-    if (inside.contains(QLatin1Char('<')) || inside.contains(QLatin1Char('>')) || inside.contains(QLatin1Char('&')))
-        return false;
-    *at = end + 2;
+    *at = i + 2;
     return true;
 }
 
@@ -129,6 +135,8 @@ bool EscapedReplyReader::read(const QString& reply, QString* text)
             if (c.isNull())
                 return false;
             *to++ = c;
+        } else if (u == 0) {
+            return false; // never in an answer, which ends at its first zero
         } else if (u < 0x80) {
             *to++ = *p++;
         } else if (p->isHighSurrogate() && p + 1 < end && p[1].isLowSurrogate()) {

@@ -155,6 +155,8 @@ private slots:
         QTest::newRow("bare ampersand") << wrapped("a & b") << false;
         QTest::newRow("comment") << wrapped("<!-- x -->y") << false;
         QTest::newRow("declaration not first") << " <?xml version=\"1.0\"?>x" << false;
+        QTest::newRow("declaration with an open quote") << "<?xml \"?>x" << false; // the reader swallows the rest
+        QTest::newRow("zero character") << QString("a") + QChar(0) + "b" << false;
         QTest::newRow("attribute without quotes") << "<s:a b=c>x</s:a>" << false;
         QTest::newRow("'>' inside an attribute") << "<s:a b=\"c>d\">x</s:a>" << false;
         QTest::newRow("attribute on an end tag") << "<s:a>x</s:a b=\"c\">" << false;
