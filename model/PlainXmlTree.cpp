@@ -85,7 +85,7 @@ const QChar* skipAttributes(const QChar* p, const QChar* end)
     }
 }
 
-bool isWhiteSpace(const QString& text)
+bool isWhiteSpace(QStringView text)
 {
     for (const QChar c : text) {
         if (!c.isSpace())
@@ -222,6 +222,8 @@ bool PlainXmlTree::read(const QString& text)
             return false;
         p += match.capturedLength();
     }
+    // About one node for each two tags: the tree grows once or twice, not at every node.
+    nodes_.reserve(int(text.count(QLatin1Char('<')) / 2 + 1));
     if (!readElements(skipBlanks(p, end), end)) {
         nodes_.clear();
         return false;
@@ -229,11 +231,49 @@ bool PlainXmlTree::read(const QString& text)
     return true;
 }
 
+// The character data from *at up to the next tag, as a text node of the element open unless
+// it is white space alone.
+bool PlainXmlTree::readText(int open, const QChar** at, const QChar* end)
+{
+    const QChar* const from = *at;
+    const QChar* p = from;
+    bool references = false;
+    for (; p < end && *p != QLatin1Char('<'); ++p) {
+        if (*p == QLatin1Char('&'))
+            references = true;
+        // "]]>" may not stand in character data.
+        else if (!isPlainChar(p, end) || (*p == QLatin1Char(']') && QStringView(p, end - p).startsWith(QLatin1String("]]>"))))
+            return false;
+    }
+    *at = p;
+    QString text;
+    if (!references) {
+        if (isWhiteSpace(QStringView(from, p - from)))
+            return true;
+        text = QString(from, int(p - from));
+    } else {
+        text.reserve(int(p - from));
+        for (const QChar* q = from; q < p;) {
+            if (*q != QLatin1Char('&')) {
+                text.append(*q++);
+                continue;
+            }
+            const QChar c = XmlReference::predefined(q, p, &q);
+            if (c.isNull())
+                return false;
+            text.append(c);
+        }
+        if (isWhiteSpace(text))
+            return true;
+    }
+    add(open, -1, text);
+    return true;
+}
+
 // The root element and everything in it, then nothing but blanks.
 bool PlainXmlTree::readElements(const QChar* p, const QChar* end)
 {
     int open = -1; // the innermost element not yet closed
-    QString segment;
     do {
         if (p == end || *p != QLatin1Char('<'))
             return false;
@@ -267,23 +307,8 @@ bool PlainXmlTree::readElements(const QChar* p, const QChar* end)
         }
         if (open < 0)
             break;
-        // Character data up to the next tag.
-        segment.clear();
-        while (p < end && *p != QLatin1Char('<')) {
-            if (*p == QLatin1Char('&')) {
-                const QChar c = XmlReference::predefined(p, end, &p);
-                if (c.isNull())
-                    return false;
-                segment.append(c);
-                continue;
-            }
-            // "]]>" may not stand in character data.
-            if (!isPlainChar(p, end) || (*p == QLatin1Char(']') && QStringView(p, end - p).startsWith(QLatin1String("]]>"))))
-                return false;
-            segment.append(*p++);
-        }
-        if (!segment.isEmpty() && !isWhiteSpace(segment))
-            add(open, -1, segment);
+        if (!readText(open, &p, end))
+            return false;
     } while (true);
     return skipBlanks(p, end) == end;
 }

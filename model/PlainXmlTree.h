@@ -57,6 +57,7 @@ private:
     int add(int parent, int name, const QString& text = QString());
     int nameIndex(const QChar* name, int size);
     bool readElements(const QChar* p, const QChar* end);
+    bool readText(int open, const QChar** at, const QChar* end);
     void appendText(int element, QString* out) const;
     // Index past the last node of the subtree at index: nodes are kept in document order.
     int subtreeEnd(int index) const;
