@@ -285,12 +285,17 @@ QSqlError NetworkCache::store(const QHash<QString, QString>& replies)
         return db.lastError();
     if (!insert_) {
         insert_ = std::make_unique<QSqlQuery>(db);
-        insert_->prepare(QStringLiteral("INSERT OR REPLACE INTO replies (key, value) VALUES (?, ?)"));
+        // A product's answer seldom changes between checks: an equal entry is left as it is,
+        // which costs a read instead of rewriting its pages and the log.
+        insert_->prepare(QStringLiteral("INSERT OR REPLACE INTO replies (key, value) SELECT ?, ? "
+                                        "WHERE NOT EXISTS (SELECT 1 FROM replies WHERE key = ? AND value = ?)"));
     }
     QSqlError error;
     for (auto reply = replies.constBegin(); !error.isValid() && reply != replies.constEnd(); ++reply) {
-        insert_->bindValue(0, reply.key());
-        insert_->bindValue(1, reply.value());
+        for (int i = 0; i < 4; i += 2) {
+            insert_->bindValue(i, reply.key());
+            insert_->bindValue(i + 1, reply.value());
+        }
         if (!insert_->exec())
             error = insert_->lastError();
     }

@@ -119,6 +119,23 @@ private slots:
         QCOMPARE(other.data(QStringLiteral("k%1").arg(replies - 1)), value);
         QCOMPARE(warnings_, QStringList());
     }
+    // Answers mostly come back unchanged; storing one again must not rewrite it.
+    void equalAnswerWritesNothing()
+    {
+        NetworkCache cache(path());
+        auto logSize = [this] { return QFileInfo(path() + QStringLiteral("-wal")).size(); };
+        cache.insert(QStringLiteral("k"), QStringLiteral("v"));
+        cache.flush();
+        const qint64 size = logSize();
+        QVERIFY(size > 0);
+        cache.insert(QStringLiteral("k"), QStringLiteral("v"));
+        cache.flush();
+        QCOMPARE(logSize(), size);
+        cache.insert(QStringLiteral("k"), QStringLiteral("w"));
+        cache.flush();
+        QVERIFY(logSize() > size);
+        QCOMPARE(NetworkCache(path()).data(QStringLiteral("k")), QStringLiteral("w"));
+    }
     void faults_data()
     {
         QTest::addColumn<QString>("fault");
