@@ -36,8 +36,10 @@ QString BoundedReplyReader::overLimitText() const
 void BoundedReplyReader::readAvailable()
 {
     // One byte past the bound is enough to know; the rest stays unread until the abort drops it.
+    // Asked for no more than is there: QIODevice allocates what a read asks for, and a 4 MiB
+    // block freed at every read keeps that much of the heap resident.
     while (reply_ && !overLimit_ && reply_->bytesAvailable() > 0) {
-        body_ += reply_->read(limit_ + 1 - body_.size());
+        body_ += reply_->read(qMin(reply_->bytesAvailable(), limit_ + 1 - body_.size()));
         if (body_.size() > limit_)
             refuse();
     }
