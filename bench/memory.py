@@ -1,9 +1,10 @@
 #!/usr/bin/env python3
-"""Where tav-host's resident memory goes: an empty database and N products, each run's mappings
+"""Where tav-host's resident memory goes: an empty database and 1,000 products, each run's mappings
 sampled every 10 ms, the largest sample split into the libraries' pages (and those of the
 libraries only libcurl brings) and the heap. Prints markdown.
 usage: memory.py BIN_DIR WORK_DIR [--quick]"""
 import collections
+import functools
 import os
 import subprocess
 import sys
@@ -25,6 +26,11 @@ def libcurl_only(bin_dir):
     return {os.path.basename(os.path.realpath(path)) for path in (needs(curl) | {curl}) - others}
 
 
+@functools.lru_cache(maxsize=None)
+def file_name(path):
+    return os.path.basename(os.path.realpath(path))
+
+
 def resident(pid, curl_libs):
     kinds = collections.Counter()
     kind = None
@@ -34,7 +40,7 @@ def resident(pid, curl_libs):
                 parts = line.split()
                 if '-' in parts[0] and not parts[0].endswith(':'):
                     name = parts[5] if len(parts) > 5 else ''
-                    kind = ('libcurl' if os.path.basename(os.path.realpath(name)) in curl_libs else 'file') \
+                    kind = ('libcurl' if file_name(name) in curl_libs else 'file') \
                         if name.startswith('/') else 'anon'
                 elif parts[0] == 'Rss:':
                     kinds[kind] += int(parts[1])
