@@ -31,6 +31,9 @@ out="$tmp/report.md"
 echo "bench: end to end, scaling, memory (bench/e2e.py)" >&2
 python3 "$root/bench/e2e.py" "$bin" "$tmp/e2e" "${quick[@]}" | tee -a "$out"
 
+echo "bench: peak memory, where it goes (bench/memory.py)" >&2
+python3 "$root/bench/memory.py" "$bin" "$tmp/memory" "${quick[@]}" | tee -a "$out"
+
 echo "bench: over a link, through a delay relay (bench/link.py)" >&2
 python3 "$root/bench/link.py" "$bin" "$tmp/link" "${quick[@]}" | tee -a "$out"
 

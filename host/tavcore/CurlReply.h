@@ -52,6 +52,7 @@ private:
     void markPending();
     bool decode();
     void finish(NetworkError code, const QString& text);
+    void release();
     void logTlsFailure() const;
 
     QPointer<CurlTransport> transport_;
