@@ -1,5 +1,7 @@
 #include "ConsolidatedResponseWriter.h"
 
+#include "IndentedXmlWriter.h"
+
 #include "model/KepXmlTags.h"
 #include "model/News.h"
 #include "model/Product.h"
@@ -9,7 +11,6 @@
 #include <QHash>
 #include <QLocale>
 #include <QSet>
-#include <QXmlStreamWriter>
 
 namespace KepPlugin {
 
@@ -72,16 +73,15 @@ public:
     explicit Writer(QString* out)
         : xml_(out)
     {
-        xml_.setAutoFormatting(true);
     }
 
     void text(const QString& name, const QString& value) { xml_.writeTextElement(name, xmlSafe(value)); }
     void start(const QString& name) { xml_.writeStartElement(name); }
     void end() { xml_.writeEndElement(); }
-    QXmlStreamWriter& stream() { return xml_; }
+    void finish() { xml_.writeEndDocument(); }
 
 private:
-    QXmlStreamWriter xml_;
+    IndentedXmlWriter xml_;
 };
 
 void writeUpdate(Writer& out, Update* update, bool legacy, DateFormatter& dates)
@@ -125,7 +125,6 @@ QString ConsolidatedResponseWriter::toXml(const QList<Product*>& products)
     QString document;
     {
         Writer out(&document);
-        out.stream().writeStartDocument();
         out.start(Tags::ROOT);
         out.start(Tags::UPDATES);
         for (Product* product : products) {
@@ -149,10 +148,10 @@ QString ConsolidatedResponseWriter::toXml(const QList<Product*>& products)
         }
         out.end();
         out.end();
-        out.stream().writeEndDocument();
+        out.finish();
     }
     // Trimmed in place and cut to its size: the document is the largest string of a run, and
-    // the writer grows it by doubling.
+    // grows by doubling.
     document = std::move(document).trimmed();
     document.squeeze();
     return document;

@@ -2,7 +2,9 @@
 #include "model/Product.h"
 #include "model/Update.h"
 #include "plugin/ConsolidatedResponseWriter.h"
+#include "plugin/IndentedXmlWriter.h"
 
+#include <QXmlStreamWriter>
 #include <QtTest>
 
 #include <memory>
@@ -95,6 +97,46 @@ private slots:
         for (const QStringList& row : unsafe)
             QTest::newRow(qPrintable(row[0])) << Products{product(false, {{{{"id", row[1]}, {"title", row[1]}}, {}}})}
                                               << head + "    <updates>\n" + update(row[2], {row[2]}, "1") + "    </updates>\n" + noNews;
+    }
+
+    // The document's writer stands in for Qt's stream writer and must write what it writes.
+    // A script: "+name" starts an element, "name=text" writes a text element, "-" ends one.
+    void writer_data()
+    {
+        QTest::addColumn<QStringList>("script");
+        QTest::newRow("root alone") << QStringList{"+root", "-"};
+        QTest::newRow("nested, empty containers closed short")
+            << QStringList{"+root", "+updates", "+update", "id=1", "+related_updates", "-", "-", "-", "+product_news", "-", "-"};
+        QTest::newRow("empty text") << QStringList{"+root", "title=", "-"};
+        QTest::newRow("escaping") << QStringList{"+root", "d=a<b>&c\"d'e ]]> \r\n\t x", "-"};
+        QTest::newRow("beyond ASCII") << QStringList{"+root", QString::fromUtf8("d=Grüße \xf0\x9d\x84\x9e") + QChar(0xa0), "-"};
+        QTest::newRow("open elements closed at the end") << QStringList{"+root", "+a", "+b", "c=x"};
+        QTest::newRow("deep") << QStringList{"+a", "+b", "+c", "+d", "e=1", "-", "f=2", "-", "-", "-"};
+    }
+    void writer()
+    {
+        QFETCH(QStringList, script);
+        QString ours, qts;
+        IndentedXmlWriter writer(&ours);
+        QXmlStreamWriter reference(&qts);
+        reference.setAutoFormatting(true);
+        reference.writeStartDocument();
+        for (QString step : script) {
+            step.replace("\\r", "\r").replace("\\n", "\n").replace("\\t", "\t");
+            if (step.startsWith('+')) {
+                writer.writeStartElement(step.mid(1));
+                reference.writeStartElement(step.mid(1));
+            } else if (step == "-") {
+                writer.writeEndElement();
+                reference.writeEndElement();
+            } else {
+                writer.writeTextElement(step.section('=', 0, 0), step.section('=', 1));
+                reference.writeTextElement(step.section('=', 0, 0), step.section('=', 1));
+            }
+        }
+        writer.writeEndDocument();
+        reference.writeEndDocument();
+        QCOMPARE(ours, qts);
     }
 
     void document()
