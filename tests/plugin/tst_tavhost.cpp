@@ -5,6 +5,8 @@
 #include "SettingsCheck.h"
 #include "TestDb.h"
 
+#include "tavcore/Logger.h"
+
 #include <QProcess>
 #include <QTcpServer>
 #include <QtTest>
@@ -21,23 +23,44 @@ QString logged(int level, const QString& text, bool quoted = false)
 {
     return QString::number(level) + (quoted ? " \"" + QString(text).replace("\"", "\\\"") + "\"" : " " + text);
 }
+// A run as the summary hears it: the host's own events by name, anything else a log line.
 QStringList askedFor(const QString& media, const QStringList& outcome)
 {
-    return QStringList{logged(0, "NetworkManager::call_GetTAVProductInfo: mediaId=[" + media + "];updateId=[1];showTestUpdate=[0]", true)}
-        + outcome;
+    return QStringList{"ask " + media} + outcome;
 }
 const QString net = "NetworkManager::sendRequestToKep: ";
-const QStringList replyOk{logged(0, net + "reply ok")};
+const QStringList replyOk{"answered"};
 QStringList failed(int code, const QString& text, bool cached)
 {
-    return {logged(2, net + QString("reply error [%1]: %2").arg(code).arg(text), true), logged(0, net + "try loading data from cache..."),
-            logged(0, net + (cached ? "cached data loaded" : "no cache data"))};
+    return {"unanswered", logged(2, net + QString("reply error [%1]: %2").arg(code).arg(text), true), cached ? "cache hit" : "cache miss"};
 }
-const QStringList timedOut = QStringList{logged(0, net + "request is aborted by timeout")} + failed(5, "Operation canceled", false);
+const QStringList timedOut = failed(5, "Operation canceled", false);
 const QString found = logged(0, "LocalDataBaseManager::readProductsDb: AUTOUNINSTALL flag is OFF, continuing");
-const QString finished = logged(0, "KepDataProviderPlugin::getData(): finished. Status = 0", true);
-const QString cancelSent = logged(0, "KepDataProviderPlugin::cancelCurrentAction()");
+const QString finished = "end";
+const QString cancelSent = "cancel";
 const QString cancelTaken = logged(0, "DataManager::cancelAction(): requested cancel");
+const QString cancelledUnderWay = logged(2, net + "operation cancelled");
+
+void play(RunSummary& summary, const QStringList& events)
+{
+    summary.beginRun();
+    int index = 0;
+    for (const QString& event : events) {
+        if (event.startsWith("ask "))
+            index = summary.requestStarted(event.mid(4), "1");
+        else if (event == "answered" || event == "unanswered")
+            summary.requestEnded(index, event == "answered");
+        else if (event.startsWith("cache "))
+            summary.cacheLookedUp(event == "cache hit");
+        else if (event == cancelSent)
+            summary.cancelSending();
+        else if (event == finished)
+            summary.endRun();
+        else
+            summary.feed(event);
+    }
+    summary.finish();
+}
 } // namespace
 
 // The reference host's command line and what it says about a run: exit statuses, standard
@@ -46,7 +69,7 @@ class TestTavHost : public QObject
 {
     Q_OBJECT
 private slots:
-    // From the plug-in's log lines to the warnings, one cause per line.
+    // From what a run told the summary to the warnings, one cause per line.
     void warnings_data()
     {
         QTest::addColumn<QStringList>("lines");
@@ -58,7 +81,7 @@ private slots:
         QTest::newRow("all answered") << QStringList{found, found} + askedFor("A", replyOk) + askedFor("B", replyOk) + QStringList{finished}
                                       << url << false << QStringList();
         QTest::newRow("time-out, the cache answered")
-            << askedFor("A", QStringList(timedOut.mid(0, 3)) + QStringList{logged(0, net + "cached data loaded")}) + askedFor("B", replyOk) << url << true
+            << askedFor("A", timedOut.mid(0, 2) + QStringList{"cache hit"}) + askedFor("B", replyOk) << url << true
             << QStringList{at.arg("1 of 2 products", "no answer within 60 seconds; 1 was answered from the cache")};
         QTest::newRow("two causes, in the order they came")
             << askedFor("A", failed(1, "Connection refused", false)) + askedFor("B", timedOut) + askedFor("C", failed(1, "Connection refused", true))
@@ -66,7 +89,7 @@ private slots:
             << QStringList{at.arg("2 of 3 products", "connection refused (error 1: Connection refused); 1 was answered from the cache"),
                            at.arg("1 of 3 products", "no answer within 60 seconds; 0 were answered from the cache")};
         QTest::newRow("cancelled under way") << askedFor("A", replyOk) + QStringList{cancelSent, cancelTaken}
-                + askedFor("B", {logged(2, net + "operation cancelled")}) + QStringList{finished} << url << true
+                + askedFor("B", {"unanswered", cancelledUnderWay}) + QStringList{finished} << url << true
             << QStringList{at.arg("1 of 2 products", "the check was cancelled while the request was under way; 0 were answered from the cache")};
         QTest::newRow("no address, quoted error text") << askedFor("A", failed(301, "Protocol \"\" is unknown", false)) << QVariant() << true
             << QStringList{"tav-host: warning: 1 of 1 product got no answer from the service (no address set): the address is not an "
@@ -81,6 +104,146 @@ private slots:
                                                          << url << false
             << QStringList{"tav-host: warning: the cancel came before the plug-in had started its run and was ignored"};
         QTest::newRow("cancel after the run") << askedFor("A", replyOk) + QStringList{finished, cancelSent} << url << false << QStringList();
+        // A clean reply the plug-in then refused is no answer from the service.
+        QTest::newRow("answer refused after a clean reply")
+            << askedFor("A", QStringList{"answered", logged(2, net + "reply error [299]: markup nested too deeply", true), "cache miss"})
+            << url << true
+            << QStringList{at.arg("1 of 1 product", "the service refused the request (error 299: markup nested too deeply); "
+                                                    "0 were answered from the cache")};
+        QTest::newRow("cached entry refused") << askedFor("A", failed(1, "Connection refused", true)
+                                                          + QStringList{logged(2, net + "cached data refused: too large", true)})
+                                              << url << true
+            << QStringList{at.arg("1 of 1 product", "connection refused (error 1: Connection refused); 0 were answered from the cache")};
+        QTest::newRow("one failed amid good ones")
+            << askedFor("A", replyOk) + askedFor("B", failed(401, "Internal Server Error", false)) + askedFor("C", replyOk) << url << true
+            << QStringList{at.arg("1 of 3 products", "the service failed to answer (server error) (error 401: Internal Server Error); "
+                                                     "0 were answered from the cache")};
+        QTest::newRow("requests after the run are not the run's")
+            << askedFor("A", replyOk) + QStringList{finished} + askedFor("B", failed(1, "Connection refused", false)) << url << false
+            << QStringList();
+    }
+
+    // Where each product's answer came from, and what it held, as the summary prints it.
+    void report_data()
+    {
+        QTest::addColumn<QStringList>("events");
+        QTest::addColumn<int>("total");
+        QTest::addColumn<QStringList>("report"); // "N ms" written as "~"
+        const QString update = logged(1, "KepProductData::parseRawXmlDataNodeUpdate: parsing update with id = ") + "\"7\"";
+        const QString news = logged(1, "KepProductData::parseRawXmlDataNodeNews: news message with id = ") + "\"3\"";
+        QTest::newRow("counted per product") << QStringList{found, found, found} + askedFor("A", {"answered", update, update, news})
+                + askedFor("B", timedOut) + askedFor("C", failed(1, "Connection refused", true) + QStringList{update}) + QStringList{finished}
+            << 3
+            << QStringList{"summary: media [A] update [1] ~, service, 2 updates, 1 news", "summary: media [B] update [1] ~, none, 0 updates, 0 news",
+                           "summary: media [C] update [1] ~, cache, 1 update, 0 news",
+                           "summary: 3 products asked in ~ (service 1, cache 1, none 1, cancelled 0), 3 updates, 1 news"};
+        // Counts of a product end where the next one starts, and with the run.
+        QTest::newRow("lines outside a product") << QStringList{update, found} + askedFor("A", {"answered"}) + QStringList{finished, update}
+            << 1 << QStringList{"summary: media [A] update [1] ~, service, 0 updates, 0 news",
+                                "summary: 1 product asked in ~ (service 1, cache 0, none 0, cancelled 0), 0 updates, 0 news"};
+        QTest::newRow("cancelled") << QStringList{found, found} + askedFor("A", QStringList{cancelSent, cancelTaken, "unanswered", cancelledUnderWay})
+            << 2 << QStringList{"summary: media [A] update [1] ~, cancelled, 0 updates, 0 news",
+                                "summary: 1 product asked in ~ (service 0, cache 0, none 0, cancelled 1), 0 updates, 0 news"};
+        QTest::newRow("more asked than found") << askedFor("A", replyOk) + askedFor("B", replyOk) << 2
+            << QStringList{"summary: media [A] update [1] ~, service, 0 updates, 0 news", "summary: media [B] update [1] ~, service, 0 updates, 0 news",
+                           "summary: 2 products asked in ~ (service 2, cache 0, none 0, cancelled 0), 0 updates, 0 news"};
+    }
+
+    void report()
+    {
+        QFETCH(QStringList, events);
+        RunSummary summary;
+        play(summary, events);
+        QTEST(summary.productTotal(), "total");
+        QTEST(summary.report().replaceInStrings(QRegularExpression("\\d+ ms"), "~"), "report");
+    }
+
+    // The ids of a product request, from the body as the plug-in posts it: unescaped, the media
+    // id in the login too.
+    void productIds_data()
+    {
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("isProduct");
+        QTest::addColumn<QString>("mediaId");
+        QTest::addColumn<QString>("updateId");
+        const auto envelope = [](const QString& media, const QString& update) {
+            return QString("<soap:Envelope><soap:Header><AuthHeader><Login>%1</Login><Password>ab12</Password></AuthHeader>"
+                           "</soap:Header>  <soap:Body>    <GetTAVProductInfo>      <mediaID>%1</mediaID>      <updateID>%2</updateID>"
+                           "      <showTestUpdate>n</showTestUpdate>    </GetTAVProductInfo>  </soap:Body></soap:Envelope>")
+                .arg(media, update).toUtf8();
+        };
+        const auto row = [&envelope](const char* name, const QString& media, const QString& update) {
+            QTest::newRow(name) << envelope(media, update) << true << media << update;
+        };
+        row("plain", "MEDIA-STUDIO-2014", "1200");
+        // The cache key "gtpi__1_2_3" cannot tell these two apart.
+        row("underscores in the media id", "2_3", "1");
+        row("underscores in the update id", "3", "1_2");
+        row("empty", "", "");
+        row("not ASCII", QString::fromUtf8("MÉDIA-ü-\u4e2d"), QString::fromUtf8("\u00bd"));
+        row("tags in the media id", "a<mediaID>b<Login>", "1");
+        row("tags in the update id", "M", "a</updateID><updateID>b");
+        row("markup characters", "a&b<c", "\"1\">");
+        QTest::newRow("no update id") << QByteArray("<mediaID>M</mediaID>") << false << "" << "";
+        QTest::newRow("not a product request") << QByteArray("<soap:Body><GetNews/></soap:Body>") << false << "" << "";
+        QTest::newRow("no body") << QByteArray() << false << "" << "";
+    }
+
+    void productIds()
+    {
+        QFETCH(QByteArray, body);
+        QString media;
+        QString update;
+        QTEST(RunSummary::productIds(body, &media, &update), "isProduct");
+        QTEST(media, "mediaId");
+        QTEST(update, "updateId");
+    }
+
+    // The host logger's level through a run: 0 only while the plug-in reads its databases and
+    // after a cancel, unless 0 was asked; never more than 1 while products are asked.
+    void levelSteering_data()
+    {
+        QTest::addColumn<int>("shown");
+        QTest::addColumn<QStringList>("events");
+        QTest::addColumn<QList<int>>("levels"); // the logger's level after each event
+        const QStringList run{"begin", "ask A", "ask B", "end"};
+        QTest::newRow("2") << 2 << run << QList<int>{0, 1, 1, 2};
+        QTest::newRow("1") << 1 << run << QList<int>{0, 1, 1, 1};
+        QTest::newRow("0") << 0 << run << QList<int>{0, 0, 0, 0};
+        QTest::newRow("nothing shown") << 3 << run << QList<int>{0, 1, 1, 3};
+        QTest::newRow("cancel while asking") << 2 << QStringList{"begin", "ask A", "cancel", "ask B", "end"} << QList<int>{0, 1, 0, 0, 2};
+        // The cancel thread may come first: the first request must not lower the level again.
+        QTest::newRow("cancel before the first request") << 1 << QStringList{"begin", "cancel", "ask A", "end"} << QList<int>{0, 0, 0, 1};
+        QTest::newRow("cancel after the run") << 2 << QStringList{"begin", "end", "cancel"} << QList<int>{0, 2, 2};
+        QTest::newRow("next run") << 2 << QStringList{"begin", "cancel", "end", "begin", "ask A"} << QList<int>{0, 0, 2, 0, 1};
+    }
+
+    void levelSteering()
+    {
+        QFETCH(int, shown);
+        QFETCH(QStringList, events);
+        QFETCH(QList<int>, levels);
+        auto* logger = TavCoreShared::TavLogger::Logger::instance();
+        RunSummary summary;
+        summary.steerLogLevel(shown);
+        QCOMPARE(logger->logLevel(), shown);
+        QList<int> seen;
+        for (const QString& event : events) {
+            if (event == "begin")
+                summary.beginRun();
+            else if (event == "end")
+                summary.endRun();
+            else if (event == "cancel")
+                summary.cancelSending();
+            else
+                summary.requestStarted(event.mid(4), "1");
+            seen.append(logger->logLevel());
+        }
+        QCOMPARE(seen, levels);
+        summary.steerLogLevel(-1);
+        logger->setLogLevel(7);
+        summary.beginRun();
+        QCOMPARE(logger->logLevel(), 7); // handed back
     }
 
     void warnings()
@@ -88,9 +251,7 @@ private slots:
         QFETCH(QStringList, lines);
         QFETCH(QVariant, url);
         RunSummary summary;
-        for (const QString& line : lines)
-            summary.feed(line);
-        summary.finish();
+        play(summary, lines);
         const RunWarnings warnings(summary.outcomes(), url, summary.cancelLost());
         QTEST(warnings.incomplete(), "incomplete");
         QTEST(warnings.lines(), "warnings");
