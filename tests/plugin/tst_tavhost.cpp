@@ -333,10 +333,69 @@ private slots:
         QVERIFY2(matches(err, error), error.constData());
     }
 
+    // The plug-in's lines on standard error at the asked level are those a trace of the same run
+    // holds at that level or above, in order: none lost to the summary's own level, none added.
+    void logLevels_data()
+    {
+        QTest::addColumn<QStringList>("simArguments");
+        QTest::addColumn<QStringList>("arguments");
+        QTest::addColumn<bool>("primeCache");
+        for (const char* level : {"1", "2"}) {
+            const QStringList asked{"--summary", "--log-level", level};
+            QTest::addRow("answered, %s", level) << QStringList() << asked << false;
+            QTest::addRow("from the cache, %s", level) << QStringList{"--fault", "reset"} << asked << true;
+            QTest::addRow("cancelled under way, %s", level) << QStringList{"--delay-ms", "2000"} << asked + QStringList{"--cancel-after", "500"} << false;
+        }
+    }
+
+    void logLevels()
+    {
+        QFETCH(QStringList, simArguments);
+        QFETCH(QStringList, arguments);
+        QFETCH(bool, primeCache);
+        QVERIFY2(TestDb::isolated(), "run through ctest: needs the temporary databases");
+        TestDb::reset();
+        for (int i = 0; i < twoProducts.size(); ++i)
+            TestDb::writeRecord(i == 0, QString("{P%1}").arg(i), {{"MediaID", twoProducts.at(i)}, {"UpdateID", QString::number(i + 1)}});
+        KepSimProcess healthy;
+        QVERIFY2(healthy.start(KEP_SIM_PATH, KEP_FIXTURES_DIR), qPrintable(healthy.errorText()));
+        KepSimProcess sim;
+        QVERIFY2(sim.start(KEP_SIM_PATH, KEP_FIXTURES_DIR, simArguments), qPrintable(sim.errorText()));
+        QTemporaryDir scratch;
+        const auto pluginLines = [&](const QString& url, const QStringList& hostArguments) {
+            QProcessEnvironment environment = QProcessEnvironment::systemEnvironment();
+            environment.insert("XDG_CACHE_HOME", scratch.filePath("cache"));
+            QProcess host;
+            host.setProcessEnvironment(environment);
+            host.setWorkingDirectory(scratch.path());
+            host.start(TAV_HOST_PATH, QStringList{"--set", "KepWebServiceUrl=" + url} + hostArguments);
+            QStringList lines;
+            if (!host.waitForFinished(60000))
+                return lines << "(no end)";
+            for (const QString& line : QString::fromUtf8(host.readAllStandardError()).split('\n')) {
+                if (QRegularExpression("^[0-9] ").match(line).hasMatch())
+                    lines.append(line);
+            }
+            return lines;
+        };
+        const int asked = arguments.at(arguments.indexOf("--log-level") + 1).toInt();
+        if (primeCache)
+            QVERIFY(!pluginLines(healthy.url(), {"--log-level", "2"}).contains("(no end)"));
+        const QStringList traced = pluginLines(sim.url(), QStringList(arguments).replaceInStrings(QRegularExpression("^[12]$"), "0"));
+        QVERIFY(traced.filter("call_GetTAVProductInfo").size() == (arguments.contains("--cancel-after") ? 1 : 2));
+        const QStringList shown = pluginLines(sim.url(), arguments);
+        QStringList expected;
+        for (const QString& line : traced) {
+            if (line.leftRef(1).toInt() >= asked)
+                expected.append(line);
+        }
+        QCOMPARE(shown, expected);
+    }
+
     void commandLines_data()
     {
         QTest::addColumn<QStringList>("products"); // the first per user, the others system-wide
-        QTest::addColumn<QStringList>("simArguments");
+        QTest::addColumn<QStringList>("simArguments"); // %fixtures: the examples and MEDIA-BROKEN, whose fixture fails
         QTest::addColumn<QStringList>("arguments"); // %url: the simulator's, %closed: a port nobody listens on
         QTest::addColumn<QByteArray>("settingsFile"); // given with --settings when not empty
         QTest::addColumn<bool>("primeCache"); // one healthy run first
@@ -414,14 +473,37 @@ private slots:
             << QStringList{"^tav-host: checking product 1 of 1 \\(media MEDIA-STUDIO-2014\\)$",
                            "^tav-host: product 1 of 1 \\(media MEDIA-STUDIO-2014\\): waiting for the service at http://127.0.0.1:\\d+/ "
                            "for 3 s, giving up at \\d\\d:\\d\\d:\\d\\d$"};
-        // Learnt from the level-0 trace, which the default level still keeps off standard error. A
-        // media id the service does not know is an answer from it.
+        // A media id the service does not know is an answer from it.
         QTest::newRow("summary") << QStringList{"MEDIA-STUDIO-2014", "MEDIA-LEGACY-10", "MEDIA-UNKNOWN"} << none << withUrl + QStringList{"--summary"}
             << QByteArray() << false << 0 << answered
             << QStringList{"^summary: media \\[MEDIA-STUDIO-2014\\] update \\[1\\] \\d+ ms, service, 2 updates, 2 news$",
                            "^summary: media \\[MEDIA-LEGACY-10\\] update \\[2\\] \\d+ ms, service, 1 update, 1 news$",
                            "^summary: media \\[MEDIA-UNKNOWN\\] update \\[3\\] \\d+ ms, service, 0 updates, 0 news$",
                            "^summary: 3 products asked in \\d+ ms \\(service 3, cache 0, none 0, cancelled 0\\), 3 updates, 3 news$"};
+        const QString studio = "^summary: media \\[MEDIA-STUDIO-2014\\] update \\[1\\] \\d+ ms, ";
+        QTest::newRow("summary, one failed amid good ones") << QStringList{"MEDIA-STUDIO-2014", "MEDIA-BROKEN", "MEDIA-LEGACY-10"}
+            << QStringList{"--fixtures", "%fixtures"} << withUrl + QStringList{"--summary", "--log-level", "1"} << QByteArray() << false << 0 << answered
+            << QStringList{studio + "service, 2 updates, 2 news$", "^summary: media \\[MEDIA-BROKEN\\] update \\[2\\] \\d+ ms, none, 0 updates, 0 news$",
+                           "^summary: media \\[MEDIA-LEGACY-10\\] update \\[3\\] \\d+ ms, service, 1 update, 1 news$",
+                           "^summary: 3 products asked in \\d+ ms \\(service 2, cache 0, none 1, cancelled 0\\), 3 updates, 3 news$",
+                           warning + "1 of 3 products got no answer from the service at .*: the service failed to answer \\(server error\\) "
+                                     "\\(error 401: .*\\); 0 were answered from the cache$",
+                           "^1 KepProductData::parseRawXmlDataNodeUpdate: parsing update with id = "};
+        QTest::newRow("summary from the cache") << twoProducts << QStringList{"--fault", "reset"} << withUrl + QStringList{"--summary"} << QByteArray()
+            << true << 0 << answered
+            << QStringList{studio + "cache, 2 updates, 2 news$", "^summary: media \\[MEDIA-TOOLS-2013\\] update \\[2\\] \\d+ ms, cache, 2 updates, 2 news$",
+                           "^summary: 2 products asked in \\d+ ms \\(service 0, cache 2, none 0, cancelled 0\\), 4 updates, 4 news$",
+                           noAnswer + "at .*; 2 were answered from the cache$"};
+        QTest::newRow("summary, cancelled under way") << twoProducts << slow << withUrl + QStringList{"--cancel-after", "1000", "--summary"}
+            << QByteArray() << false << 2 << ""
+            << QStringList{studio + "cancelled, 0 updates, 0 news$",
+                           "^summary: 1 product asked in \\d+ ms \\(service 0, cache 0, none 0, cancelled 1\\), 0 updates, 0 news$",
+                           cancelled.arg("1 product")};
+        // The reply cache's key "gtpi__1_MEDIA_STUDIO_2014" does not say where the ids part.
+        QTest::newRow("summary, ids with underscores") << QStringList{"MEDIA_STUDIO_2014"} << none << withUrl + QStringList{"--summary"}
+            << QByteArray() << false << 0 << nothing
+            << QStringList{"^summary: media \\[MEDIA_STUDIO_2014\\] update \\[1\\] \\d+ ms, service, 0 updates, 0 news$",
+                           "^summary: 1 product asked in \\d+ ms \\(service 1, cache 0, none 0, cancelled 0\\), 0 updates, 0 news$"};
     }
 
     void commandLines()
@@ -438,6 +520,17 @@ private slots:
         TestDb::reset();
         for (int i = 0; i < products.size(); ++i)
             TestDb::writeRecord(i == 0, QString("{P%1}").arg(i), {{"MediaID", products.at(i)}, {"UpdateID", QString::number(i + 1)}});
+        QTemporaryDir scratch; // a cache of the row's own, a working directory, the settings file, fixtures
+        if (simArguments.contains("%fixtures")) {
+            const QString fixtures = scratch.filePath("fixtures");
+            for (const QString& media : QDir(KEP_FIXTURES_DIR).entryList(QDir::Dirs | QDir::NoDotAndDotDot)) {
+                QVERIFY(QDir().mkpath(fixtures + "/" + media));
+                for (const QString& file : QDir(KEP_FIXTURES_DIR "/" + media).entryList(QDir::Files))
+                    QVERIFY(QFile::copy(KEP_FIXTURES_DIR "/" + media + "/" + file, fixtures + "/" + media + "/" + file));
+            }
+            QVERIFY(TestDb::writeFile(fixtures + "/MEDIA-BROKEN/default.xml", "<broken"));
+            simArguments.replaceInStrings("%fixtures", fixtures);
+        }
         KepSimProcess sim;
         QVERIFY2(sim.start(KEP_SIM_PATH, KEP_FIXTURES_DIR, simArguments), qPrintable(sim.errorText()));
         QTcpServer closed;
@@ -445,7 +538,6 @@ private slots:
         const QString closedUrl = QString("http://127.0.0.1:%1/").arg(closed.serverPort());
         closed.close();
         arguments.replaceInStrings("%url", sim.url()).replaceInStrings("%closed", closedUrl);
-        QTemporaryDir scratch; // a cache of the row's own, a working directory, the settings file
         if (!settingsFile.isEmpty()) {
             QVERIFY(TestDb::writeFile(scratch.filePath("tav.conf"), settingsFile.replace("%url", sim.url().toUtf8())));
             arguments << "--settings" << scratch.filePath("tav.conf");
@@ -477,6 +569,9 @@ private slots:
         QCOMPARE(error.count("summary: "), err.filter("summary").size());
         QCOMPARE(error.contains("tav-host: checking product"), arguments.contains("--progress") && exitCode != 64);
         QCOMPARE(error.contains("call_GetTAVProductInfo"), arguments.join(" ").contains("--log-level 0"));
+        const int asked = arguments.contains("--log-level") ? arguments.at(arguments.indexOf("--log-level") + 1).toInt() : 2;
+        for (const QString& line : error.split('\n'))
+            QVERIFY2(!QRegularExpression("^[0-9] ").match(line).hasMatch() || line.leftRef(1).toInt() >= asked, qPrintable(line));
     }
 };
 
