@@ -5,7 +5,13 @@
 #include "SettingsCheck.h"
 #include "TestDb.h"
 
+#include "FakeHttpServer.h"
+#include "PluginHost.h"
 #include "tavcore/Logger.h"
+#include "tavcore/NetworkAccessManager.h"
+#include "tavcore/NetworkCache.h"
+
+#include <QNetworkReply>
 
 #include <QProcess>
 #include <QTcpServer>
@@ -197,6 +203,58 @@ private slots:
         QTEST(RunSummary::productIds(body, &media, &update), "isProduct");
         QTEST(media, "mediaId");
         QTEST(update, "updateId");
+    }
+
+    // The requests and cache look-ups of the host core, as the summary hears them: a product
+    // request starts a row before it leaves, on libcurl's path and on Qt's.
+    void watchedRequests_data()
+    {
+        QTest::addColumn<QString>("url"); // %ok: a server that answers, %closed: a port nobody listens on
+        QTest::addColumn<QByteArray>("body");
+        QTest::addColumn<bool>("cached");
+        QTest::addColumn<QStringList>("outcome"); // media, update, source; empty: no row
+        const QByteArray product("<soap:Body><mediaID>M_1</mediaID><updateID>U_2</updateID></soap:Body>");
+        QTest::newRow("answered") << "%ok" << product << false << QStringList{"M_1", "U_2", "service"};
+        QTest::newRow("refused, nothing cached") << "%closed" << product << false << QStringList{"M_1", "U_2", "none"};
+        QTest::newRow("refused, cached") << "%closed" << product << true << QStringList{"M_1", "U_2", "cache"};
+        QTest::newRow("another scheme, cached") << "kep://127.0.0.1/" << product << true << QStringList{"M_1", "U_2", "cache"};
+        QTest::newRow("not a product request") << "%ok" << QByteArray("<soap:Body/>") << false << QStringList();
+    }
+
+    void watchedRequests()
+    {
+        QFETCH(QString, url);
+        QFETCH(QByteArray, body);
+        QFETCH(bool, cached);
+        QFETCH(QStringList, outcome);
+        FakeHttpServer server(FakeHttpServer::ok("<answer/>"));
+        QTcpServer closed;
+        QVERIFY(closed.listen(QHostAddress::LocalHost));
+        const QString closedUrl = QString("http://127.0.0.1:%1/").arg(closed.serverPort());
+        closed.close();
+        url.replace("%ok", server.url()).replace("%closed", closedUrl);
+        auto* network = TavCoreShared::Network::NetworkAccessManager::instance();
+        const QString key = QString("key of ") + QTest::currentDataTag();
+        if (cached)
+            network->cache()->insert(key, "<cached/>");
+        RunSummary summary;
+        PluginHost host;
+        summary.follow(&host);
+        emit host.starting();
+        QSignalSpy started(&summary, &RunSummary::productStarted);
+        QSignalSpy ended(&summary, &RunSummary::productEnded);
+        std::unique_ptr<QNetworkReply> reply(network->post(QNetworkRequest(QUrl(url)), body));
+        QCOMPARE(started.count(), outcome.isEmpty() ? 0 : 1); // before the request has left
+        QTRY_VERIFY(reply->isFinished());
+        QCOMPARE(ended.count(), started.count());
+        if (reply->error() != QNetworkReply::NoError)
+            network->cache()->data(key);
+        emit host.finished(0, QString());
+        network->cache()->data(key); // after the run: not the run's
+        const QList<ProductOutcome> outcomes = summary.outcomes();
+        QCOMPARE(outcomes.size(), started.count());
+        if (!outcomes.isEmpty())
+            QCOMPARE((QStringList{outcomes.first().mediaId, outcomes.first().updateId, outcomes.first().source}), outcome);
     }
 
     // The host logger's level through a run: 0 only while the plug-in reads its databases and
