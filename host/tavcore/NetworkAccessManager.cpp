@@ -5,8 +5,8 @@
 #include "NetworkCache.h"
 
 #include <QCoreApplication>
-#include <QMutex>
 #include <QMetaMethod>
+#include <QMutex>
 #include <QMutexLocker>
 
 namespace TavCoreShared {

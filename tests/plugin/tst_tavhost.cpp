@@ -47,6 +47,14 @@ const QString cancelSent = "cancel";
 const QString cancelTaken = logged(0, "DataManager::cancelAction(): requested cancel");
 const QString cancelledUnderWay = logged(2, net + "operation cancelled");
 
+// The first per user, the others system-wide; update ids 1, 2, ...
+void writeProducts(const QStringList& mediaIds)
+{
+    TestDb::reset();
+    for (int i = 0; i < mediaIds.size(); ++i)
+        TestDb::writeRecord(i == 0, QString("{P%1}").arg(i), {{"MediaID", mediaIds.at(i)}, {"UpdateID", QString::number(i + 1)}});
+}
+
 void play(RunSummary& summary, const QStringList& events)
 {
     summary.beginRun();
@@ -412,9 +420,7 @@ private slots:
         QFETCH(QStringList, arguments);
         QFETCH(bool, primeCache);
         QVERIFY2(TestDb::isolated(), "run through ctest: needs the temporary databases");
-        TestDb::reset();
-        for (int i = 0; i < twoProducts.size(); ++i)
-            TestDb::writeRecord(i == 0, QString("{P%1}").arg(i), {{"MediaID", twoProducts.at(i)}, {"UpdateID", QString::number(i + 1)}});
+        writeProducts(twoProducts);
         KepSimProcess healthy;
         QVERIFY2(healthy.start(KEP_SIM_PATH, KEP_FIXTURES_DIR), qPrintable(healthy.errorText()));
         KepSimProcess sim;
@@ -575,9 +581,7 @@ private slots:
         QFETCH(QString, out);
         QFETCH(QStringList, err);
         QVERIFY2(TestDb::isolated(), "run through ctest: needs the temporary databases");
-        TestDb::reset();
-        for (int i = 0; i < products.size(); ++i)
-            TestDb::writeRecord(i == 0, QString("{P%1}").arg(i), {{"MediaID", products.at(i)}, {"UpdateID", QString::number(i + 1)}});
+        writeProducts(products);
         QTemporaryDir scratch; // a cache of the row's own, a working directory, the settings file, fixtures
         if (simArguments.contains("%fixtures")) {
             const QString fixtures = scratch.filePath("fixtures");
