@@ -39,12 +39,13 @@ LogTap::LogTap(RunSummary* summary, int printLevel)
     summary_ = summary;
     printLevel_ = printLevel;
     previousLevel_ = logger->logLevel();
-    logger->setLogLevel(0);
+    summary->steerLogLevel(qMax(printLevel, 0));
     previousHandler_ = qInstallMessageHandler(tap);
 }
 
 LogTap::~LogTap()
 {
     qInstallMessageHandler(previousHandler_);
+    summary_->steerLogLevel(-1);
     TavCoreShared::TavLogger::Logger::instance()->setLogLevel(previousLevel_);
 }

@@ -2,9 +2,10 @@
 
 class RunSummary;
 
-// Hears every log line of the plug-in, whatever level the user asked for: the summary learns
-// from all of them, standard error shows those at or above the asked level (and anything that
-// is not a plug-in line). One tap at a time, installed while it lives.
+// Hears every log line the host logger lets through: the summary learns from all of them and
+// sets the logger's level (below the asked one only where it needs to), standard error shows
+// the plug-in's lines at or above the asked level and anything that is not a plug-in line. One
+// tap at a time, installed while it lives.
 class LogTap
 {
 public:

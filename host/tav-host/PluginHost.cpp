@@ -66,13 +66,12 @@ void PluginHost::start(int cancelAfterMs)
     }
     emit starting();
     emit runRequested();
-    IDataProvider* provider = provider_;
     if (cancelAfterMs >= 0 && !canceller_.isRunning()) {
         auto* timer = new QTimer;
         timer->setSingleShot(true);
         timer->setInterval(cancelAfterMs);
         timer->moveToThread(&canceller_);
-        connect(timer, &QTimer::timeout, timer, [provider] { provider->cancelCurrentAction(); });
+        connect(timer, &QTimer::timeout, timer, [this] { cancel(); });
         connect(&canceller_, &QThread::started, timer, qOverload<>(&QTimer::start));
         connect(&canceller_, &QThread::finished, timer, &QObject::deleteLater);
         canceller_.start();
@@ -81,8 +80,10 @@ void PluginHost::start(int cancelAfterMs)
 
 void PluginHost::cancel()
 {
-    if (provider_)
-        provider_->cancelCurrentAction();
+    if (!provider_)
+        return;
+    emit cancelling();
+    provider_->cancelCurrentAction();
 }
 
 QString PluginHost::pluginName() const

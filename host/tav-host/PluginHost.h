@@ -40,7 +40,10 @@ public:
 signals:
     // Sent in the calling thread before the run is handed to the worker.
     void starting();
+    // Sent in the worker thread once getData has returned.
     void finished(int status, const QString& data);
+    // Sent in the cancelling thread just before the plug-in is asked to stop.
+    void cancelling();
     void runRequested();
 
 private:

@@ -220,7 +220,7 @@ int main(int argc, char** argv)
     QObject::connect(&summary, &RunSummary::productEnded, &progress, &ProgressReport::productEnded);
 
     PluginHost host;
-    QObject::connect(&host, &PluginHost::starting, &summary, &RunSummary::beginRun, Qt::DirectConnection);
+    summary.follow(&host);
     const QString reason = host.load(options.pluginPath.isEmpty() ? PluginHost::defaultPluginPath() : options.pluginPath);
     if (!reason.isEmpty())
         return fail(1, reason);

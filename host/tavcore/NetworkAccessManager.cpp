@@ -5,6 +5,7 @@
 #include "NetworkCache.h"
 
 #include <QCoreApplication>
+#include <QMetaMethod>
 #include <QMutex>
 #include <QMutexLocker>
 
@@ -46,11 +47,20 @@ QNetworkReply* NetworkAccessManager::createRequest(Operation operation, const QN
                                                    QIODevice* outgoingData)
 {
     const QString scheme = request.url().scheme().toLower();
-    if (scheme != QLatin1String("http") && scheme != QLatin1String("https"))
-        return QNetworkAccessManager::createRequest(operation, request, outgoingData);
+    if (scheme != QLatin1String("http") && scheme != QLatin1String("https")) {
+        static const QMetaMethod created = QMetaMethod::fromSignal(&NetworkAccessManager::replyCreated);
+        // Peeked before Qt reads it; only for a listener.
+        const QByteArray body =
+            outgoingData && isSignalConnected(created) ? outgoingData->peek(outgoingData->bytesAvailable()) : QByteArray();
+        QNetworkReply* reply = QNetworkAccessManager::createRequest(operation, request, outgoingData);
+        emit replyCreated(reply, body);
+        return reply;
+    }
     // The whole body leaves with the header; what the host posts is a few kilobytes at most.
     const QByteArray body = outgoingData ? outgoingData->readAll() : QByteArray();
-    return new CurlReply(transport_, operation, request, body, this);
+    auto* reply = new CurlReply(transport_, operation, request, body, this);
+    emit replyCreated(reply, body);
+    return reply;
 }
 
 NetworkCache* NetworkAccessManager::cache()

@@ -21,6 +21,12 @@ public:
 
     NetworkCache* cache();
 
+signals:
+    // A request has been handed to a reply, before it leaves; in the thread that posted it.
+    // body is what is posted (empty for requests without one). For watching the host's
+    // traffic: nothing is copied or read for it while nobody listens.
+    void replyCreated(QNetworkReply* reply, const QByteArray& body);
+
 protected:
     QNetworkReply* createRequest(Operation operation, const QNetworkRequest& request, QIODevice* outgoingData) override;
 

@@ -217,6 +217,13 @@ void NetworkCache::failed(const QString& action, const QSqlError& error)
 
 QString NetworkCache::data(const QString& key)
 {
+    QString value = find(key);
+    emit lookedUp(key, !value.isEmpty());
+    return value;
+}
+
+QString NetworkCache::find(const QString& key)
+{
     const auto kept = pending_.constFind(key.isNull() ? QStringLiteral("") : key);
     if (kept != pending_.constEnd())
         return kept.value();

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <QHash>
+#include <QObject>
 #include <QString>
 
 #include <memory>
@@ -20,14 +21,16 @@ namespace Network {
 // A reply stored while the thread's event loop runs is committed when that loop next turns,
 // so the commit overlaps whatever the caller does next instead of delaying it; until then it
 // is answered from memory. flush() and the destructor commit at once.
-class Q_DECL_EXPORT NetworkCache
+class Q_DECL_EXPORT NetworkCache : public QObject
 {
+    Q_OBJECT
 public:
     // An empty path means "<cache dir>/vasko/tav/network-cache.sqlite".
     explicit NetworkCache(const QString& path = QString());
-    ~NetworkCache();
+    ~NetworkCache() override;
     Q_DISABLE_COPY(NetworkCache)
 
+    // The stored value, empty when there is none or the database fails; lookedUp() tells.
     QString data(const QString& key);
     void insert(const QString& key, const QString& value);
     // Commits what insert() has kept back.
@@ -38,7 +41,12 @@ public:
     // $XDG_CACHE_HOME (when absolute), else $HOME/.cache, as they are now.
     static QString defaultPath();
 
+signals:
+    // Each data() call, in its thread: found when it returned a value.
+    void lookedUp(const QString& key, bool found);
+
 private:
+    QString find(const QString& key);
     // Closed is retried on the next call (a lock passes); Disabled is for good.
     enum class State { Closed, Open, Disabled };
 

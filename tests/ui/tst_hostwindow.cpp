@@ -76,7 +76,7 @@ private slots:
         RunSummary summary;
         LogTap tap(&summary, 3);
         PluginHost host;
-        connect(&host, &PluginHost::starting, &summary, &RunSummary::beginRun, Qt::DirectConnection);
+        summary.follow(&host);
         QCOMPARE(host.load(KEP_PLUGIN_PATH), QString());
         HostWindow window(&host, &summary);
         QCOMPARE(window.load(), QString());
