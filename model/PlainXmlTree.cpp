@@ -222,8 +222,8 @@ bool PlainXmlTree::read(const QString& text)
             return false;
         p += match.capturedLength();
     }
-    // About one node for each two tags: the tree grows once or twice, not at every node.
-    nodes_.reserve(int(text.count(QLatin1Char('<')) / 2 + 1));
+    // An element has two tags and mostly one text: the tree never has to grow.
+    nodes_.reserve(int(text.count(QLatin1Char('<'))) + 1);
     if (!readElements(skipBlanks(p, end), end)) {
         nodes_.clear();
         return false;

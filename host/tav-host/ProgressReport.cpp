@@ -38,10 +38,16 @@ void ProgressReport::productStarted(int index, int total, const QString& mediaId
     mediaId_ = mediaId;
     noticed_ = false;
     waiting_.start();
-    giveUpAt_ = QDateTime::currentDateTime().addMSecs(requestTimeoutMs);
+    if (mode_ == Mode::Off)
+        return;
     show(QStringLiteral("tav-host: checking %1").arg(position()));
-    if (mode_ != Mode::Off)
-        ticker_.start();
+    ticker_.start();
+}
+
+// Worked out only when shown: the local time costs a look at the time-zone file.
+QDateTime ProgressReport::giveUpAt() const
+{
+    return QDateTime::currentDateTime().addMSecs(requestTimeoutMs - waiting_.elapsed());
 }
 
 void ProgressReport::productEnded()
@@ -61,7 +67,7 @@ void ProgressReport::tick()
     const QString text = QStringLiteral("tav-host: %1: waiting for the service at %2 for %3 s, giving up at %4")
                              .arg(position(), url_)
                              .arg(seconds)
-                             .arg(giveUpAt_.toString(QStringLiteral("HH:mm:ss")));
+                             .arg(giveUpAt().toString(QStringLiteral("HH:mm:ss")));
     // A log gets the notice once per product; a terminal sees the seconds go by.
     if (mode_ == Mode::InPlace || !noticed_)
         show(text);

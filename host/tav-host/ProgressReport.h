@@ -37,13 +37,13 @@ private:
     void tick();
     void show(const QString& text);
     QString position() const;
+    QDateTime giveUpAt() const;
 
     Mode mode_;
     QString url_;
     std::FILE* out_;
     QTimer ticker_;
     QElapsedTimer waiting_;
-    QDateTime giveUpAt_;
     int index_ = 0;
     int total_ = 0;
     QString mediaId_;
