@@ -294,15 +294,14 @@ QSqlError NetworkCache::store(const QHash<QString, QString>& replies)
         insert_ = std::make_unique<QSqlQuery>(db);
         // A product's answer seldom changes between checks: an equal entry is left as it is,
         // which costs a read instead of rewriting its pages and the log.
-        insert_->prepare(QStringLiteral("INSERT OR REPLACE INTO replies (key, value) SELECT ?, ? "
-                                        "WHERE NOT EXISTS (SELECT 1 FROM replies WHERE key = ? AND value = ?)"));
+        insert_->prepare(QStringLiteral("WITH new (key, value) AS (SELECT ?, ?) INSERT OR REPLACE INTO replies (key, value) "
+                                        "SELECT key, value FROM new WHERE NOT EXISTS "
+                                        "(SELECT 1 FROM replies AS old WHERE old.key = new.key AND old.value = new.value)"));
     }
     QSqlError error;
     for (auto reply = replies.constBegin(); !error.isValid() && reply != replies.constEnd(); ++reply) {
-        for (int i = 0; i < 4; i += 2) {
-            insert_->bindValue(i, reply.key());
-            insert_->bindValue(i + 1, reply.value());
-        }
+        insert_->bindValue(0, reply.key());
+        insert_->bindValue(1, reply.value());
         if (!insert_->exec())
             error = insert_->lastError();
     }
