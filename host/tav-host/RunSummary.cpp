@@ -87,8 +87,15 @@ void RunSummary::applyLogLevel()
     // product total while the databases are read and to hear whether a cancel was taken.
     int level = shownLevel_;
     if (running_)
-        level = !asking_ || cancelSent_ ? 0 : qMin(shownLevel_, 1);
+        level = !asking_ || cancelSent_ ? 0 : countRecords_ ? qMin(shownLevel_, 1) : shownLevel_;
     TavCoreShared::TavLogger::Logger::instance()->setLogLevel(level);
+}
+
+void RunSummary::countRecords(bool count)
+{
+    QMutexLocker lock(&mutex_);
+    countRecords_ = count;
+    applyLogLevel();
 }
 
 void RunSummary::beginRun()

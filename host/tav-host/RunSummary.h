@@ -41,9 +41,12 @@ public:
     // Learns from host's runs and cancels and from the shared network access manager.
     void follow(PluginHost* host);
     // Lets the summary set the host logger's level: shownLevel between runs, 0 while a run has
-    // not yet asked for a product or has been cancelled, else shownLevel but at most 1. A
-    // negative level hands the logger back.
+    // not yet asked for a product or has been cancelled, else shownLevel, but at most 1 when it
+    // counts updates and news. A negative level hands the logger back.
     void steerLogLevel(int shownLevel);
+    // Whether the report counts each product's updates and news (on unless told otherwise);
+    // the plug-in's notes that tell them cost it a line for every record.
+    void countRecords(bool count);
 
     // Forgets the previous run; call before the plug-in starts the next one.
     void beginRun();
@@ -90,4 +93,5 @@ private:
     bool cancelSent_ = false;
     bool cancelTaken_ = false;
     int shownLevel_ = -1;
+    bool countRecords_ = true;
 };

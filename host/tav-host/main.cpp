@@ -214,6 +214,8 @@ int main(int argc, char** argv)
     const QVariant url = TavCoreShared::TavSettings::SettingsManager::instance()->getProperty(QStringLiteral("KepWebServiceUrl"));
 
     RunSummary summary;
+    // Only the report shows each product's updates and news.
+    summary.countRecords(options.summary);
     LogTap tap(&summary, options.logLevel);
     ProgressReport progress(progressMode(options.progress), url.toString(), stderr);
     QObject::connect(&summary, &RunSummary::productStarted, &progress, &ProgressReport::productStarted);

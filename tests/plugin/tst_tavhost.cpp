@@ -282,6 +282,9 @@ private slots:
         QTest::newRow("cancel before the first request") << 1 << QStringList{"begin", "cancel", "ask A", "end"} << QList<int>{0, 0, 0, 1};
         QTest::newRow("cancel after the run") << 2 << QStringList{"begin", "end", "cancel"} << QList<int>{0, 2, 2};
         QTest::newRow("next run") << 2 << QStringList{"begin", "cancel", "end", "begin", "ask A"} << QList<int>{0, 0, 2, 0, 1};
+        // Without the report nothing counts records: the user's level while asking.
+        QTest::newRow("no counts, 2") << 2 << QStringList{"no counts"} + run << QList<int>{2, 0, 2, 2, 2};
+        QTest::newRow("no counts, 0") << 0 << QStringList{"no counts"} + run << QList<int>{0, 0, 0, 0, 0};
     }
 
     void levelSteering()
@@ -301,6 +304,8 @@ private slots:
                 summary.endRun();
             else if (event == "cancel")
                 summary.cancelSending();
+            else if (event == "no counts")
+                summary.countRecords(false);
             else
                 summary.requestStarted(event.mid(4), "1");
             seen.append(logger->logLevel());
