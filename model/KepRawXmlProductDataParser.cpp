@@ -39,7 +39,9 @@ int toNumber(const QString& text)
 void insertField(QMap<QString, QString>& fields, const QStringList& supported, const QString& tag, QString text)
 {
     const int known = supported.indexOf(tag);
-    text.squeeze();
+    // A text of the exact size may be shared with the parse's tree: squeezing it would copy it.
+    if (text.capacity() > text.size())
+        text.squeeze();
     fields.insert(known < 0 ? tag : supported.at(known), text);
 }
 
@@ -64,12 +66,12 @@ bool KepRawXmlProductDataParser::parseRawXmlData(const QString& data)
         KEP_LOG(2) << "KepProductData::parseRawXmlData: raw data is empty";
         return false;
     }
-    const bool tooDeep = XmlNesting::nestsTooDeep(rawXmlData_);
+    // The plain tree refuses what nests deeper than the DOM may.
     PlainXmlTree plain;
-    if (!tooDeep && plain.read(rawXmlData_))
+    if (plain.read(rawXmlData_))
         return parseDocument(plain.documentElement());
     QDomDocument document;
-    if (tooDeep || !document.setContent(rawXmlData_)) {
+    if (XmlNesting::nestsTooDeep(rawXmlData_) || !document.setContent(rawXmlData_)) {
         KEP_LOG(2) << "KepProductData::parseRawXmlData: bad XML format of raw data: " << rawXmlData_;
         return false;
     }

@@ -1,5 +1,6 @@
 #include "PlainXmlTree.h"
 
+#include "XmlNesting.h"
 #include "XmlReference.h"
 
 #include <QRegularExpression>
@@ -274,6 +275,7 @@ bool PlainXmlTree::readText(int open, const QChar** at, const QChar* end)
 bool PlainXmlTree::readElements(const QChar* p, const QChar* end)
 {
     int open = -1; // the innermost element not yet closed
+    int depth = 0;
     do {
         if (p == end || *p != QLatin1Char('<'))
             return false;
@@ -291,10 +293,11 @@ bool PlainXmlTree::readElements(const QChar* p, const QChar* end)
             if (open < 0 || p == end || *p != QLatin1Char('>') || nodes_.at(open).name != nameId)
                 return false;
             open = nodes_.at(open).parent;
+            --depth;
             ++p;
         } else if (p < end && *p == QLatin1Char('>')) {
-            if (open < 0 && !nodes_.isEmpty())
-                return false; // a second root
+            if ((open < 0 && !nodes_.isEmpty()) || ++depth > XmlNesting::maxElementNesting)
+                return false; // a second root, or deeper than the DOM may go
             open = add(open, nameId);
             ++p;
         } else if (end - p >= 2 && p[0] == QLatin1Char('/') && p[1] == QLatin1Char('>')) {

@@ -10,7 +10,8 @@ namespace KepPlugin {
 // does: child elements by name, descendants by name, the text of an element (text nodes of
 // white space alone are left out, as the DOM's reader leaves them). Anything else (attributes,
 // references other than the five of XML, comments, CDATA, declarations, characters the DOM's
-// reader might judge otherwise) is declined, and the caller builds the DOM as before.
+// reader might judge otherwise) is declined, and the caller builds the DOM as before; so is
+// text nested deeper than XmlNesting allows the DOM.
 class PlainXmlTree
 {
 public:
