@@ -76,7 +76,7 @@ def spread(values, fmt):
 def main():
     bin_dir, work = os.path.abspath(sys.argv[1]), os.path.abspath(sys.argv[2])
     quick = '--quick' in sys.argv
-    rounds = {100: 7, 1000: 5, 10000: 3} if not quick else {100: 3, 1000: 2, 10000: 1}
+    rounds = {100: 7, 1000: 9, 10000: 3} if not quick else {100: 3, 1000: 2, 10000: 1}
     sizes = [100, 1000, 10000]
 
     # The fixed cost of one host run: start, load the plug-in, read an empty database, exit.
