@@ -63,6 +63,8 @@ bool isPlainChar(const QChar* p, const QChar* end)
 // parser never reads attributes; the DOM's reader only has to accept them.
 const QChar* skipAttributes(const QChar* p, const QChar* end)
 {
+    // Names are compared pairwise; more attributes than real answers carry go to the DOM.
+    constexpr int maxAttributes = 16;
     QVarLengthArray<QStringView, 4> names;
     for (;;) {
         const QChar* next = skipBlanks(p, end);
@@ -73,7 +75,7 @@ const QChar* skipAttributes(const QChar* p, const QChar* end)
             return nullptr;
         const QChar quote = nameEnd[1];
         const QStringView name(next, nameEnd - next);
-        if ((quote != QLatin1Char('"') && quote != QLatin1Char('\'')) || names.contains(name))
+        if ((quote != QLatin1Char('"') && quote != QLatin1Char('\'')) || names.contains(name) || names.size() == maxAttributes)
             return nullptr;
         names.append(name);
         for (p = nameEnd + 2; p < end && *p != quote; ++p) {
@@ -205,6 +207,10 @@ int PlainXmlTree::nameIndex(const QChar* name, int size)
         if (names_.at(i) == view)
             return i;
     }
+    // Looked up one by one: a text of more names than product XML has goes to the DOM.
+    constexpr int maxNames = 64;
+    if (names_.size() == maxNames)
+        return -1;
     names_.append(view.toString());
     return names_.size() - 1;
 }
@@ -289,6 +295,8 @@ bool PlainXmlTree::readElements(const QChar* p, const QChar* end)
         if (!p)
             return false;
         const int nameId = nameIndex(name, int(nameEnd - name));
+        if (nameId < 0)
+            return false;
         if (closing) {
             if (open < 0 || p == end || *p != QLatin1Char('>') || nodes_.at(open).name != nameId)
                 return false;

@@ -173,6 +173,16 @@ private slots:
             QTest::newRow(text) << QString::fromUtf8(text) << false;
         QTest::newRow("nested as deep as the DOM may") << nested("a", XmlNesting::maxElementNesting, "x") << true;
         QTest::newRow("one level deeper") << nested("a", XmlNesting::maxElementNesting + 1, "x") << false;
+        QString attributes;
+        for (int i = 0; i < 17; ++i)
+            attributes += QString(" a%1=\"\"").arg(i);
+        QTest::newRow("16 attributes") << "<r" + attributes.section(' ', 0, 16) + "/>" << true;
+        QTest::newRow("17 attributes") << "<r" + attributes + "/>" << false; // each name is checked against the others
+        QString names;
+        for (int i = 1; i < 65; ++i)
+            names += QString("<a%1/>").arg(i);
+        QTest::newRow("64 element names") << in(names.section('/', 0, 62) + "/>") << true;
+        QTest::newRow("65 element names") << in(names) << false; // each name is looked up among the others
         QTest::newRow("lone surrogate") << in(QString("a") + QChar(0xd800) + "b") << false;
         QTest::newRow("non-character") << in(QString("a") + QChar(0xfffe)) << false;
     }
